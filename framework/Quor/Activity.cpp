@@ -1,0 +1,321 @@
+// The activity loop: clock reactors ordered by (timeMin, arming order), descriptors
+// through one epoll instance per activity.
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <map>
+
+#include <Quor/Quor.h>
+
+namespace Quor {
+
+namespace {
+TraceHandle& trace() {
+  static TraceHandle* t = new TraceHandle("Quor");
+  return *t;
+}
+
+// Activities live as long as the process: reactors hold raw pointers to their loop.
+std::map<Name, Ptr<ActivityConfig>>& activities() {
+  static auto* m = new std::map<Name, Ptr<ActivityConfig>>;
+  return *m;
+}
+
+constexpr int maxEvents = 64;
+}  // namespace
+
+// ---- activities ----
+
+ActivityConfig::~ActivityConfig() = default;
+
+Ptr<ActivitySm> ActivityConfig::activitySm() const {
+  if (!sm_) sm_ = new ActivitySm(name());
+  return sm_;
+}
+
+Ptr<ActivityConfig> activityConfigFactory(Name const& name) {
+  auto& m = activities();
+  auto it = m.find(name);
+  if (it != m.end()) return it->second;
+  Ptr<ActivityConfig> c = makeEntity<ActivityConfig>(name);
+  m.emplace(name, c);
+  return c;
+}
+
+Ptr<ActivityConfig> defaultActivityConfig() {
+  static Ptr<ActivityConfig> c = activityConfigFactory("default");
+  return c;
+}
+
+Ptr<ActivitySm> quorActivitySmFor(Ptr<ActivityConfig> const& config) {
+  return (config ? config : defaultActivityConfig())->activitySm();
+}
+
+ActivitySm::ActivitySm(Name const& name) : Entity(name) {
+  epoll_ = ::epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_ < 0) throwInternalException(format("epoll_create1: %s", std::strerror(errno)));
+}
+
+ActivitySm::~ActivitySm() {
+  if (epoll_ >= 0) ::close(epoll_);
+}
+
+Seconds ActivitySm::nextTimeMin() const { return armed_.empty() ? endOfTime : armed_.begin()->first.first; }
+
+U64 ActivitySm::arm(Clock::NotifieeConst* n, Seconds t) {
+  U64 const seq = nextSeq_++;
+  armed_.emplace(Key(t, seq), n);
+  return seq;
+}
+
+void ActivitySm::disarm(Clock::NotifieeConst* n) { armed_.erase(Key(n->timeMin_, n->armSeq_)); }
+
+// Runs the reactors due at the start of the call, in (timeMin, arming) order. A reactor
+// re-armed in the past from its onTime() is not due in this pass: it runs next turn, so
+// a reactor that always re-arms cannot starve descriptors.
+bool ActivitySm::runDueClocks() {
+  Seconds const t = now();
+  U64 const passSeq = nextSeq_;
+  bool ran = false;
+  for (;;) {
+    auto it = armed_.begin();
+    while (it != armed_.end() && it->first.first <= t && it->first.second >= passSeq) ++it;
+    if (it == armed_.end() || it->first.first > t) break;
+    Clock::NotifieeConst* n = it->second;
+    armed_.erase(it);
+    n->armedIn_ = nullptr;
+    n->timeMin_ = endOfTime;  // one-shot: reset before the call, so onTime may re-arm
+    if (n->isDestroying()) continue;
+    Ptr<Clock::NotifieeConst const> hold(n);  // the reactor may drop itself in onTime
+    n->onTime();
+    ran = true;
+  }
+  return ran;
+}
+
+bool ActivitySm::pollDescriptors(int timeoutMs) {
+  bool ran = false;
+  // Regular files cannot be polled: they are always ready.
+  for (U64 id : std::vector<U64>(alwaysReady_)) {
+    auto it = fds_.find(id);
+    if (it == fds_.end()) continue;
+    Ptr<FileDescriptor> hold(it->second);
+    it->second->handleReady(it->second->notifyOnReadable_, it->second->notifyOnWritable_);
+    ran = true;
+  }
+  if (ran) timeoutMs = 0;
+  epoll_event events[maxEvents];
+  int n;
+  do {
+    n = ::epoll_wait(epoll_, events, maxEvents, timeoutMs);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0) {
+    QUOR_TRACE(trace(), 0, "epoll_wait failed: " << std::strerror(errno));
+    return ran;
+  }
+  for (int i = 0; i < n; ++i) {
+    auto it = fds_.find(events[i].data.u64);
+    if (it == fds_.end()) continue;  // removed by an earlier reactor of this turn
+    FileDescriptor* fd = it->second;
+    U32 const ev = events[i].events;
+    bool const trouble = ev & (EPOLLERR | EPOLLHUP);
+    if (trouble) QUOR_TRACE(trace(), 3, "descriptor " << fd->fd_ << " error/hangup events " << ev);
+    Ptr<FileDescriptor> hold(fd);
+    fd->handleReady((ev & EPOLLIN) || trouble, (ev & EPOLLOUT) || trouble);
+    ran = true;
+  }
+  return ran;
+}
+
+bool ActivitySm::runOnce(Seconds maxWait) {
+  if (!(maxWait >= 0)) maxWait = 0;
+  bool ran = runDueClocks();
+  Seconds const next = nextTimeMin();
+  Seconds const wakeAt = std::min(now() + maxWait, next);
+  bool const virt = virtualTimeActive();
+  int const timeoutMs = (ran || virt) ? 0 : millisecondsUntil(wakeAt, 1 << 30);
+  ran |= pollDescriptors(timeoutMs);
+  if (!ran) {
+    // Nothing ran: under virtual time, jump to what comes first, the next timeMin or
+    // the end of the wait. Infinite and NaN times never become a jump.
+    if (virt && wakeAt > now() && std::isfinite(wakeAt)) VirtualTime::jumpTo(wakeAt);
+    ran = runDueClocks();
+  }
+  return ran;
+}
+
+void ActivitySm::runUntil(Seconds deadline) {
+  stopped_ = false;
+  while (!stopped_) {
+    Seconds const t = now();
+    if (!(t < deadline)) break;
+    runOnce(deadline - t);
+  }
+}
+
+bool ActivitySm::runUntil(std::function<bool()> const& done, Seconds timeout) {
+  Seconds const deadline = now() + timeout;
+  stopped_ = false;
+  while (!done() && !stopped_) {
+    Seconds const t = now();
+    if (!(t < deadline)) break;
+    runOnce(deadline - t);
+  }
+  return done();
+}
+
+void ActivitySm::run() {
+  stopped_ = false;
+  while (!stopped_) runOnce(3600);
+}
+
+// ---- clocks ----
+
+Ptr<Clock> clockFactory(Name const& name, Ptr<ActivityConfig> const& activity) {
+  return makeEntity<Clock>(name, activity ? activity : defaultActivityConfig());
+}
+
+Clock::NotifieeConst::~NotifieeConst() { disarm(); }
+
+void Clock::NotifieeConst::arm() {
+  if (!clock_ || timeMin_ == endOfTime) return;
+  ActivitySm* sm = clock_->activity()->activitySm().ptr();
+  armSeq_ = sm->arm(this, timeMin_);
+  armedIn_ = sm;
+}
+
+void Clock::NotifieeConst::disarm() {
+  if (armedIn_) armedIn_->disarm(this);
+  armedIn_ = nullptr;
+}
+
+void Clock::NotifieeConst::notifierIs(Ptr<Clock const> const& clock) {
+  if (clock == clock_) return;
+  disarm();
+  clock_ = clock;
+  arm();
+}
+
+void Clock::NotifieeConst::timeMinIs(Seconds t) {
+  QUOR_ASSERT(!std::isnan(t));
+  if (t == timeMin_) return;
+  disarm();
+  timeMin_ = t;
+  arm();
+}
+
+// ---- descriptors ----
+
+FileDescriptor::FileDescriptor(Name const& name, Ptr<ActivityConfig> const& activity)
+    : Entity(name), activity_(activity ? activity : defaultActivityConfig()) {
+  id_ = activity_->activitySm()->addDescriptor(this);
+}
+
+FileDescriptor::~FileDescriptor() {
+  auto sm = activity_->activitySm();
+  if (interest_) sm->setInterest(this, 0);
+  sm->removeDescriptor(this);
+  if (fd_ >= 0) ::close(fd_);
+}
+
+Ptr<FileDescriptor> fileDescriptorFactory(Name const& name) {
+  return makeEntity<FileDescriptor>(name, defaultActivityConfig());
+}
+
+Ptr<FileDescriptor> fileDescriptorFactory(Name const& name, Ptr<ActivityConfig> const& activity) {
+  return makeEntity<FileDescriptor>(name, activity);
+}
+
+void FileDescriptor::descriptorIs(int fd) {
+  if (fd == fd_) return;
+  if (interest_ || alwaysReady_) activity_->activitySm()->setInterest(this, 0);
+  if (fd_ >= 0 && fd >= 0) ::close(fd_);  // replacing: the old one is ours to close
+  fd_ = fd;
+  updateInterest();
+}
+
+void FileDescriptor::notifyOnReadableIs(bool b) {
+  if (b == notifyOnReadable_) return;
+  notifyOnReadable_ = b;
+  updateInterest();
+}
+
+void FileDescriptor::notifyOnWritableIs(bool b) {
+  if (b == notifyOnWritable_) return;
+  notifyOnWritable_ = b;
+  updateInterest();
+}
+
+void FileDescriptor::updateInterest() {
+  U32 const want = fd_ < 0 ? 0 : (notifyOnReadable_ ? U32(EPOLLIN) : 0) | (notifyOnWritable_ ? U32(EPOLLOUT) : 0);
+  activity_->activitySm()->setInterest(this, want);
+}
+
+void FileDescriptor::handleReady(bool readable, bool writable) {
+  if (notifiees_.empty()) {
+    // Nobody would consume the readiness: a level-triggered descriptor would spin.
+    QUOR_TRACE(trace(), 0, "descriptor " << fd_ << " ready with no reactor; notification off");
+    notifyOnReadable_ = notifyOnWritable_ = false;
+    updateInterest();
+    return;
+  }
+  if (readable && notifyOnReadable_) {
+    ++readableCount_;
+    notifiees_.notify(&NotifieeConst::onReadableCount);
+  }
+  if (writable && notifyOnWritable_ && fd_ >= 0) {
+    ++writableCount_;
+    notifiees_.notify(&NotifieeConst::onWritableCount);
+  }
+}
+
+U64 ActivitySm::addDescriptor(FileDescriptor* fd) {
+  U64 const id = nextFdId_++;
+  fds_.emplace(id, fd);
+  return id;
+}
+
+void ActivitySm::removeDescriptor(FileDescriptor* fd) {
+  fds_.erase(fd->id_);
+  std::erase(alwaysReady_, fd->id_);
+}
+
+// Brings the epoll registration of fd to `events`. Failures are traced and survived:
+// the descriptor then simply reports nothing (or, for regular files, always ready).
+bool ActivitySm::setInterest(FileDescriptor* fd, U32 events) {
+  if (fd->alwaysReady_ && events == 0) {
+    std::erase(alwaysReady_, fd->id_);
+    fd->alwaysReady_ = false;
+    return true;
+  }
+  if (fd->alwaysReady_) return true;
+  if (events == fd->interest_) return true;
+  epoll_event ev{};
+  ev.events = events;
+  ev.data.u64 = fd->id_;
+  int const op = events == 0 ? EPOLL_CTL_DEL : fd->interest_ == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+  if (::epoll_ctl(epoll_, op, fd->fd_, &ev) != 0) {
+    int const err = errno;
+    if (op == EPOLL_CTL_ADD && err == EPERM) {
+      fd->alwaysReady_ = true;
+      alwaysReady_.push_back(fd->id_);
+      return true;
+    }
+    // A descriptor closed behind our back is already out of the epoll set.
+    if (op == EPOLL_CTL_DEL && (err == EBADF || err == ENOENT)) {
+      fd->interest_ = 0;
+      return true;
+    }
+    QUOR_TRACE(trace(), 0, "epoll_ctl(" << op << ", " << fd->fd_ << ") failed: " << std::strerror(err));
+    if (op != EPOLL_CTL_ADD) fd->interest_ = op == EPOLL_CTL_DEL ? 0 : fd->interest_;
+    errno = err;
+    return false;
+  }
+  fd->interest_ = events;
+  return true;
+}
+
+}  // namespace Quor

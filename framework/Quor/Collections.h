@@ -1,0 +1,181 @@
+// The framework's collections: thin wrappers that give the standard containers the
+// semantics the blocks rely on (reads of missing members yield the default, index
+// spaces with exact errors, raw lists that report a missing member).
+#pragma once
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+#include <Quor/Exception.h>
+
+namespace Quor {
+
+/// Ordered map of values by key, ascending. Iterators stay valid across deletion of
+/// other members, so an iterator works as a bookmark.
+template <class V, class K>
+class RbTreeMap {
+ public:
+  using Map = std::map<K, V>;
+  using Iterator = typename Map::iterator;
+  using IteratorConst = typename Map::const_iterator;
+
+  /// Inserts or replaces.
+  void memberIs(K const& k, V const& v) { m_.insert_or_assign(k, v); }
+  /// The member, or a default value when absent.
+  V member(K const& k) const {
+    auto it = m_.find(k);
+    return it == m_.end() ? V() : it->second;
+  }
+  V* memberPtr(K const& k) {
+    auto it = m_.find(k);
+    return it == m_.end() ? nullptr : &it->second;
+  }
+  bool contains(K const& k) const { return m_.count(k) != 0; }
+  /// Returns true when a member was removed.
+  bool memberDel(K const& k) { return m_.erase(k) != 0; }
+  void deleteAll() { m_.clear(); }
+  std::size_t members() const { return m_.size(); }
+  bool empty() const { return m_.empty(); }
+  Iterator begin() { return m_.begin(); }
+  Iterator end() { return m_.end(); }
+  IteratorConst begin() const { return m_.begin(); }
+  IteratorConst end() const { return m_.end(); }
+  IteratorConst lowerBound(K const& k) const { return m_.lower_bound(k); }
+  IteratorConst upperBound(K const& k) const { return m_.upper_bound(k); }
+  Iterator erase(Iterator it) { return m_.erase(it); }
+  Map& raw() { return m_; }
+  Map const& raw() const { return m_; }
+
+ private:
+  Map m_;
+};
+
+/// Hash map of values by key; iteration order unspecified.
+template <class V, class K, class H = std::hash<K>>
+class HashMap {
+ public:
+  using Map = std::unordered_map<K, V, H>;
+  void memberIs(K const& k, V const& v) { m_.insert_or_assign(k, v); }
+  V member(K const& k) const {
+    auto it = m_.find(k);
+    return it == m_.end() ? V() : it->second;
+  }
+  V* memberPtr(K const& k) {
+    auto it = m_.find(k);
+    return it == m_.end() ? nullptr : &it->second;
+  }
+  bool contains(K const& k) const { return m_.count(k) != 0; }
+  bool memberDel(K const& k) { return m_.erase(k) != 0; }
+  void deleteAll() { m_.clear(); }
+  std::size_t members() const { return m_.size(); }
+  auto begin() { return m_.begin(); }
+  auto end() { return m_.end(); }
+  auto begin() const { return m_.begin(); }
+  auto end() const { return m_.end(); }
+
+ private:
+  Map m_;
+};
+
+/// A queue in insertion order whose members also hold a small integer index, drawn
+/// from a bounded space (freed indices are reused, lowest first).
+template <class V>
+class LinkQueue {
+ public:
+  explicit LinkQueue(U32 indexSpace = 1024) : slots_(indexSpace) {}
+
+  /// Appends v; returns its index. Throws "linkqueue index space full".
+  U32 pushBack(V const& v) {
+    auto it = std::find_if(slots_.begin(), slots_.end(), [](Slot const& s) { return !s.used; });
+    if (it == slots_.end()) throwRangeException("linkqueue index space full");
+    U32 const index = static_cast<U32>(it - slots_.begin());
+    *it = Slot{true, v};
+    order_.push_back(index);
+    return index;
+  }
+  V const& at(U32 index) const {
+    check(index);
+    return slots_[index].value;
+  }
+  /// Removes the member at index. Throws "linkqueue index out of range".
+  void remove(U32 index) {
+    check(index);
+    slots_[index] = Slot{};
+    order_.erase(std::find(order_.begin(), order_.end(), index));
+  }
+  bool empty() const { return order_.empty(); }
+  std::size_t members() const { return order_.size(); }
+  /// The oldest member's index; precondition: not empty.
+  U32 front() const { return order_.front(); }
+  V popFront() {
+    U32 const i = front();
+    V v = slots_[i].value;
+    remove(i);
+    return v;
+  }
+  template <class F>
+  void forEach(F&& f) const {
+    for (U32 i : std::vector<U32>(order_.begin(), order_.end()))
+      if (slots_[i].used) f(i, slots_[i].value);
+  }
+
+ private:
+  struct Slot {
+    bool used = false;
+    V value{};
+  };
+  void check(U32 index) const {
+    if (index >= slots_.size() || !slots_[index].used) throwRangeException("linkqueue index out of range");
+  }
+  std::vector<Slot> slots_;
+  std::deque<U32> order_;
+};
+
+/// A list of raw, non-owning pointers in insertion order. Removing a pointer that is
+/// not a member is reported to onDeleteMemberNotFound (by default: ignored).
+template <class T>
+class OrderedRawList {
+ public:
+  void pushBack(T* p) { v_.push_back(p); }
+  void remove(T* p) {
+    auto it = std::find(v_.begin(), v_.end(), p);
+    if (it == v_.end()) {
+      if (onDeleteMemberNotFound) onDeleteMemberNotFound(p);
+      return;
+    }
+    v_.erase(it);
+  }
+  bool contains(T const* p) const { return std::find(v_.begin(), v_.end(), p) != v_.end(); }
+  std::size_t members() const { return v_.size(); }
+  auto begin() const { return v_.begin(); }
+  auto end() const { return v_.end(); }
+  std::function<void(T*)> onDeleteMemberNotFound;
+
+ private:
+  std::vector<T*> v_;
+};
+
+/// A growable array indexed by an integer: reading past the end yields the default
+/// value, writing past the end grows it.
+template <class V, class I = U32>
+class DynArray {
+ public:
+  V operator[](I i) const { return i < v_.size() ? v_[i] : V(); }
+  V at(I i) const { return (*this)[i]; }
+  void elementIs(I i, V const& v) {
+    if (i >= v_.size()) v_.resize(static_cast<std::size_t>(i) + 1);
+    v_[i] = v;
+  }
+  I size() const { return static_cast<I>(v_.size()); }
+  void sizeIs(I n) { v_.resize(n); }
+  V* data() { return v_.data(); }
+  V const* data() const { return v_.data(); }
+
+ private:
+  std::vector<V> v_;
+};
+
+}  // namespace Quor

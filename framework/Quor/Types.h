@@ -1,0 +1,28 @@
+// Basic scalar types and time of the Quor framework.
+#pragma once
+#include <cstdint>
+#include <limits>
+
+#define QUOR_API __attribute__((visibility("default")))
+
+namespace Quor {
+using U8 = std::uint8_t;
+using U16 = std::uint16_t;
+using U32 = std::uint32_t;
+using U64 = std::uint64_t;
+using S64 = std::int64_t;
+
+/// A point in time or a duration, in seconds (wall clock: since the epoch).
+using Seconds = double;
+/// "Never": positive infinity, so that every finite time compares below it.
+inline constexpr Seconds endOfTime = std::numeric_limits<double>::infinity();
+}  // namespace Quor
+
+namespace Vell {
+using U8 = Quor::U8;
+using U16 = Quor::U16;
+using U32 = Quor::U32;
+using U64 = Quor::U64;
+/// A one-bit value. A bool is exactly that, and prints as 0/1 through the text form.
+using U1 = bool;
+}  // namespace Vell

@@ -1,0 +1,2 @@
+// Value types shared by agents.
+#include <Vell/ValueTypes.h>
