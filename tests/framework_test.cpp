@@ -1,5 +1,617 @@
+// The framework layer: reference counting, notification, the activity loop under
+// virtual time, descriptors, tracing, logging, exceptions and the text form pieces.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <Quor/Quor.h>
 
-TEST(Framework, Builds) { EXPECT_EQ(Quor::endOfTime, Quor::endOfTime); }
+namespace {
+
+// ---- reference counting ----
+
+struct Counted : Quor::PtrInterface {
+  static inline int alive = 0;
+  static inline int deletions = 0;
+  Counted() { ++alive; }
+  ~Counted() override { --alive; }
+  void handleDel() override { ++deletions; }
+};
+
+TEST(PtrTest, LastDropFreesExactlyOnce) {
+  Counted::alive = Counted::deletions = 0;
+  {
+    Quor::Ptr<Counted> a(new Counted);
+    Quor::Ptr<Counted const> b = a;  // a const view shares the count
+    Quor::Ptr<Counted> c = std::move(a);
+    EXPECT_FALSE(a);
+    EXPECT_EQ(c->references(), 2u);
+    b = nullptr;
+    EXPECT_EQ(Counted::alive, 1);
+    EXPECT_EQ(c->references(), 1u);
+  }
+  EXPECT_EQ(Counted::alive, 0);
+  EXPECT_EQ(Counted::deletions, 1);
+}
+
+TEST(PtrTest, StaticMarkerIsNeverCountedNorFreed) {
+  static Counted* s = new Counted;  // stands for a static object: must never be freed
+  s->staticIs();
+  Counted::deletions = 0;
+  {
+    Quor::Ptr<Counted> a(s);
+    Quor::Ptr<Counted> b = a;
+    EXPECT_TRUE(s->isStatic());
+    EXPECT_EQ(s->references(), Quor::PtrInterface::staticMarker & Quor::PtrInterface::countMask);
+  }
+  EXPECT_EQ(Counted::deletions, 0);
+  EXPECT_TRUE(s->isStatic());
+}
+
+TEST(PtrTest, CopiesOnManyThreadsKeepTheCountExact) {
+  Counted::alive = 0;
+  Quor::Ptr<Counted> shared(new Counted);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 100000; ++i) {
+        Quor::Ptr<Counted> copy = shared;
+        Quor::Ptr<Counted> again(copy);
+      }
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(shared->references(), 1u);
+  shared = nullptr;
+  EXPECT_EQ(Counted::alive, 0);
+}
+
+// ---- entities and notification ----
+
+class Thermostat : public Quor::Entity {
+ public:
+  class NotifieeConst : public Quor::BaseNotifiee<Thermostat, NotifieeConst> {
+   public:
+    virtual void onSetpoint() {}
+    virtual void onMode() {}
+  };
+  explicit Thermostat(Quor::Name const& n) : Entity(n) {}
+  double setpoint() const { return setpoint_; }
+  void setpointIs(double v) {
+    QUOR_CHECK_RANGE("Thermostat", "setpoint", v, -40, 0x7f);
+    Quor::attrIs(setpoint_, v, notifiees_, &NotifieeConst::onSetpoint);
+  }
+  int mode() const { return mode_; }
+  void modeIs(int m) { Quor::attrIs(mode_, m, notifiees_, &NotifieeConst::onMode); }
+  Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+
+ private:
+  double setpoint_ = 20;
+  int mode_ = 0;
+  mutable Quor::NotifieeList<NotifieeConst> notifiees_;
+};
+
+struct Recorder : Thermostat::NotifieeConst {
+  std::vector<std::string>* log;
+  std::string tag;
+  std::function<void()> onSet;
+  Recorder(std::vector<std::string>* l, std::string t) : log(l), tag(std::move(t)) {}
+  void onSetpoint() override {
+    log->push_back(tag + ":setpoint");
+    if (onSet) onSet();
+  }
+  void onMode() override { log->push_back(tag + ":mode"); }
+};
+
+class NotificationTest : public ::testing::Test {
+ protected:
+  Quor::Ptr<Thermostat> t = Quor::makeEntity<Thermostat>("t");
+  std::vector<std::string> log;
+};
+
+TEST_F(NotificationTest, UnchangedValueNotifiesNobodyAndBadValueChangesNothing) {
+  Quor::Ptr<Recorder> r(new Recorder(&log, "r"));
+  r->notifierIs(t);
+  t->setpointIs(20);
+  EXPECT_TRUE(log.empty());
+  t->setpointIs(21);
+  EXPECT_EQ(log, std::vector<std::string>{"r:setpoint"});
+  EXPECT_THROW(t->setpointIs(200), Quor::RangeException);
+  EXPECT_THROW(t->setpointIs(NAN), Quor::RangeException);
+  EXPECT_EQ(t->setpoint(), 21);
+  EXPECT_EQ(log.size(), 1u);
+}
+
+TEST_F(NotificationTest, ReactorMayDetachItselfOrAnotherDuringDelivery) {
+  Quor::Ptr<Recorder> a(new Recorder(&log, "a"));
+  Quor::Ptr<Recorder> b(new Recorder(&log, "b"));
+  Quor::Ptr<Recorder> c(new Recorder(&log, "c"));
+  for (auto* r : {a.ptr(), b.ptr(), c.ptr()}) r->notifierIs(t);
+  // a detaches itself and destroys c; c must not be called, b must.
+  Recorder* raw = c.ptr();
+  a->onSet = [&] {
+    a->notifierIs(nullptr);
+    c = nullptr;
+  };
+  EXPECT_EQ(raw->references(), 1u);
+  t->setpointIs(22);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:setpoint", "b:setpoint"}));
+  log.clear();
+  t->setpointIs(23);
+  EXPECT_EQ(log, std::vector<std::string>{"b:setpoint"});
+  EXPECT_EQ(t->notifiees().size(), 1u);
+}
+
+TEST_F(NotificationTest, ReactorAttachedDuringDeliveryIsCalledFromTheNextChangeOn) {
+  Quor::Ptr<Recorder> a(new Recorder(&log, "a"));
+  Quor::Ptr<Recorder> late(new Recorder(&log, "late"));
+  a->notifierIs(t);
+  a->onSet = [&] { late->notifierIs(t); };
+  t->setpointIs(22);
+  EXPECT_EQ(log, std::vector<std::string>{"a:setpoint"});
+  t->setpointIs(23);
+  EXPECT_EQ(log.back(), "late:setpoint");
+}
+
+TEST_F(NotificationTest, NestedNotificationsRunInOrder) {
+  Quor::Ptr<Recorder> a(new Recorder(&log, "a"));
+  Quor::Ptr<Recorder> b(new Recorder(&log, "b"));
+  a->notifierIs(t);
+  b->notifierIs(t);
+  a->onSet = [&] { t->modeIs(t->mode() + 1); };  // re-enters the notifier
+  t->setpointIs(25);
+  EXPECT_EQ(log, (std::vector<std::string>{"a:setpoint", "a:mode", "b:mode", "b:setpoint"}));
+}
+
+TEST_F(NotificationTest, DroppedReactorLeavesTheListAndNotifierOutlivesIt) {
+  Quor::Ptr<Recorder> a(new Recorder(&log, "a"));
+  a->notifierIs(t);
+  Thermostat* raw = t.ptr();
+  t = nullptr;  // the reactor still holds the notifier
+  EXPECT_EQ(raw->references(), 1u);
+  a = nullptr;  // releases both
+}
+
+// ---- the loop and clocks, under virtual time ----
+
+struct Alarm : Quor::Clock::NotifieeConst {
+  std::vector<std::string>* log;
+  std::string tag;
+  std::function<void(Alarm*)> react;
+  Quor::Seconds timeMinSeenInOnTime = 0;
+  Alarm(std::vector<std::string>* l, std::string t) : log(l), tag(std::move(t)) {}
+  void onTime() override {
+    timeMinSeenInOnTime = timeMin();
+    log->push_back(tag + "@" + std::to_string(static_cast<long>(Quor::now())));
+    if (react) react(this);
+  }
+};
+
+class LoopTest : public ::testing::Test {
+ protected:
+  Quor::VirtualTime vt{1000};
+  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("loopTestClock");
+  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(Quor::defaultActivityConfig());
+  std::vector<std::string> log;
+  std::size_t armedBefore = loop->armedClockReactors();
+  std::size_t fdsBefore = loop->descriptors();
+
+  Quor::Ptr<Alarm> alarm(std::string const& tag, Quor::Seconds at) {
+    Quor::Ptr<Alarm> a(new Alarm(&log, tag));
+    a->notifierIs(clock);
+    a->timeMinIs(at);
+    return a;
+  }
+  void TearDown() override {
+    // Nothing the test made is left in the loop.
+    EXPECT_EQ(loop->armedClockReactors(), armedBefore);
+    EXPECT_EQ(loop->descriptors(), fdsBefore);
+  }
+};
+
+TEST_F(LoopTest, DueReactorsRunInTimeOrderTiesInArmingOrder) {
+  auto c = alarm("c", 1003);
+  auto a = alarm("a", 1001);
+  auto b1 = alarm("b1", 1002);
+  auto b2 = alarm("b2", 1002);
+  auto b0 = alarm("b0", 1005);
+  b0->timeMinIs(1002);  // re-armed last: after b1 and b2
+  loop->runUntil(1010);
+  EXPECT_EQ(log, (std::vector<std::string>{"a@1001", "b1@1002", "b2@1002", "b0@1002", "c@1003"}));
+  EXPECT_EQ(Quor::now(), 1010);
+}
+
+TEST_F(LoopTest, OneShotResetBeforeOnTimeAndReArmFromIt) {
+  int fired = 0;
+  auto a = alarm("a", 1001);
+  a->react = [&](Alarm* self) {
+    EXPECT_EQ(self->timeMin(), Quor::endOfTime);
+    if (++fired < 3) self->timeMinIs(Quor::now() + 2);
+  };
+  loop->runUntil(1100);
+  EXPECT_EQ(log, (std::vector<std::string>{"a@1001", "a@1003", "a@1005"}));
+  EXPECT_EQ(a->timeMin(), Quor::endOfTime);
+}
+
+TEST_F(LoopTest, RunUntilJumpsVirtualTimeWithoutSleeping) {
+  auto a = alarm("a", 1000 + 86400 * 365.0);
+  auto const wallBefore = std::chrono::steady_clock::now();
+  loop->runUntil(1000 + 86400 * 366.0);
+  EXPECT_LT(std::chrono::steady_clock::now() - wallBefore, std::chrono::seconds(1));
+  EXPECT_EQ(log.size(), 1u);
+  EXPECT_EQ(Quor::now(), 1000 + 86400 * 366.0);
+}
+
+TEST_F(LoopTest, RunOnceMovesTimeAtMostMaxWait) {
+  auto a = alarm("a", 1010);
+  EXPECT_FALSE(loop->runOnce(3));
+  EXPECT_EQ(Quor::now(), 1003);
+  EXPECT_TRUE(loop->runOnce(100));  // stops at the armed time, not at the wait's end
+  EXPECT_EQ(Quor::now(), 1010);
+  EXPECT_EQ(log.size(), 1u);
+}
+
+TEST_F(LoopTest, ReactorArmedInThePastRunsOnTheNextTurnNotInTheSamePass) {
+  int runs = 0;
+  auto a = alarm("a", 0.0);
+  a->react = [&](Alarm* self) {
+    if (++runs < 3) self->timeMinIs(0.0);  // always in the past
+  };
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(runs, 1);
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(runs, 2);
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_FALSE(loop->runOnce());
+  EXPECT_EQ(runs, 3);
+  EXPECT_EQ(Quor::now(), 1000);
+}
+
+TEST_F(LoopTest, CancelDetachAndDestroyDuringAPassAreSafe) {
+  auto a = alarm("a", 1001);
+  auto b = alarm("b", 1001);
+  auto c = alarm("c", 1001);
+  auto d = alarm("d", 1001);
+  a->react = [&](Alarm*) {
+    b->timeMinIs(Quor::endOfTime);  // cancelled: must not run
+    c = nullptr;                    // destroyed: must not run
+    d->notifierIs(nullptr);         // detached: must not run
+  };
+  loop->runUntil(1002);
+  EXPECT_EQ(log, std::vector<std::string>{"a@1001"});
+  d->notifierIs(clock);  // the arming follows the reactor back
+  loop->runUntil(1003);
+  EXPECT_EQ(log.back(), "d@1002");
+}
+
+TEST_F(LoopTest, ReactorThatDropsItsLastReferenceInOnTime) {
+  Quor::Ptr<Alarm> a = alarm("a", 1001);
+  a->react = [&](Alarm*) { a = nullptr; };
+  loop->runUntil(1002);
+  EXPECT_FALSE(a);
+  EXPECT_EQ(log.size(), 1u);
+}
+
+TEST_F(LoopTest, RunUntilPredicateAndStop) {
+  int n = 0;
+  auto a = alarm("a", 1001);
+  a->react = [&](Alarm* self) {
+    ++n;
+    self->timeMinIs(Quor::now() + 1);
+    if (n == 5) loop->stop();
+  };
+  EXPECT_TRUE(loop->runUntil([&] { return n >= 3; }, 100));
+  EXPECT_EQ(Quor::now(), 1003);
+  loop->run();  // returns once the reactor calls stop()
+  EXPECT_EQ(n, 5);
+  EXPECT_FALSE(loop->runUntil([] { return false; }, 10));
+  EXPECT_EQ(Quor::now(), 1015);
+  a->timeMinIs(Quor::endOfTime);
+}
+
+TEST(LoopDeathTest, NaNTimeMinIsAnAssertion) {
+  Quor::Ptr<Alarm> a(new Alarm(nullptr, "a"));
+  EXPECT_DEATH(a->timeMinIs(NAN), "Assertion failed: !std::isnan\\(t\\) \\[Activity:[0-9]+\\] in void Quor::Clock::NotifieeConst::timeMinIs");
+}
+
+// ---- descriptors ----
+
+struct PipeReader : Quor::FileDescriptor::NotifieeConst {
+  std::string got;
+  int calls = 0;
+  bool drain = true;
+  void onReadableCount() override {
+    ++calls;
+    if (!drain) return;
+    char buf[16];
+    ssize_t n = ::read(notifier()->descriptor(), buf, sizeof buf);
+    if (n > 0) got.append(buf, static_cast<std::size_t>(n));
+  }
+};
+
+bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1 || errno != EBADF; }
+
+TEST_F(LoopTest, PipeWakesItsReactorLevelTriggered) {
+  int p[2];
+  ASSERT_EQ(::pipe(p), 0);
+  auto fd = Quor::fileDescriptorFactory("pipeRead");
+  fd->descriptorIs(p[0]);
+  Quor::Ptr<PipeReader> r(new PipeReader);
+  r->notifierIs(fd);
+  fd->notifyOnReadableIs(true);
+  EXPECT_FALSE(loop->runOnce());
+  ASSERT_EQ(::write(p[1], "hello", 5), 5);
+  r->drain = false;  // not consumed: level-triggered, so it is reported every turn
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(fd->readableCount(), 2u);
+  r->drain = true;
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(r->got, "hello");
+  EXPECT_FALSE(loop->runOnce());
+  EXPECT_EQ(fd->readableCount(), 3u);
+  fd->notifyOnReadableIs(false);
+  ASSERT_EQ(::write(p[1], "x", 1), 1);
+  EXPECT_FALSE(loop->runOnce());
+  r = nullptr;
+  fd = nullptr;
+  EXPECT_FALSE(isOpen(p[0]));  // destruction closed it
+  ::close(p[1]);
+}
+
+TEST_F(LoopTest, DescriptorSetToMinusOneIsNotClosedAgain) {
+  int p[2];
+  ASSERT_EQ(::pipe(p), 0);
+  auto fd = Quor::fileDescriptorFactory("pipeRead");
+  fd->descriptorIs(p[0]);
+  ::close(p[0]);  // the block closed it itself...
+  fd->descriptorIs(-1);
+  int reused = ::dup(p[1]);  // ...and the number is reused
+  ASSERT_EQ(reused, p[0]);
+  fd = nullptr;
+  EXPECT_TRUE(isOpen(reused));
+  ::close(reused);
+  ::close(p[1]);
+}
+
+TEST_F(LoopTest, HangupIsDeliveredAsReadableAndNoReactorMeansNoSpin) {
+  int p[2];
+  ASSERT_EQ(::pipe(p), 0);
+  auto fd = Quor::fileDescriptorFactory("pipeRead");
+  fd->descriptorIs(p[0]);
+  fd->notifyOnReadableIs(true);
+  ::close(p[1]);  // hang-up, and no reactor to read it
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_FALSE(fd->notifyOnReadable());  // switched off rather than spinning
+  EXPECT_FALSE(loop->runOnce());
+  Quor::Ptr<PipeReader> r(new PipeReader);
+  r->notifierIs(fd);
+  fd->notifyOnReadableIs(true);
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(r->calls, 1);
+}
+
+TEST_F(LoopTest, RegularFileIsAlwaysReadyAndBadDescriptorIsSurvived) {
+  char path[] = "/tmp/quorXXXXXX";
+  int f = ::mkstemp(path);
+  ASSERT_GE(f, 0);
+  ::unlink(path);
+  auto fd = Quor::fileDescriptorFactory("file");
+  Quor::Ptr<PipeReader> r(new PipeReader);
+  r->notifierIs(fd);
+  fd->descriptorIs(f);
+  fd->notifyOnReadableIs(true);
+  EXPECT_TRUE(loop->runOnce());
+  EXPECT_EQ(r->calls, 1);
+  fd->notifyOnReadableIs(false);
+  EXPECT_FALSE(loop->runOnce());
+
+  std::vector<Quor::TraceRecord> traces;
+  Quor::traceSinkIs([&](Quor::TraceRecord const& t) { traces.push_back(t); });
+  Quor::traceLevelIs("Quor", 0);
+  auto bad = Quor::fileDescriptorFactory("bad");
+  bad->descriptorIs(9999);  // not open: epoll refuses it; traced, not thrown
+  bad->notifyOnReadableIs(true);
+  Quor::traceLevelIs("Quor", -1);
+  Quor::traceSinkIs(nullptr);
+  ASSERT_FALSE(traces.empty());
+  EXPECT_NE(traces[0].text.find("epoll_ctl"), std::string::npos);
+  EXPECT_FALSE(loop->runOnce());
+  bad->descriptorIs(-1);
+}
+
+// ---- tracing and logging ----
+
+TEST(TraceTest, OffChannelDoesNotEvaluateItsArguments) {
+  static Quor::TraceHandle channel("FrameworkTestChannel");
+  int evaluated = 0;
+  auto expensive = [&] { return ++evaluated; };
+  QUOR_TRACE(channel, 1, "value " << expensive());
+  EXPECT_EQ(evaluated, 0);
+
+  std::vector<Quor::TraceRecord> got;
+  Quor::traceSinkIs([&](Quor::TraceRecord const& t) { got.push_back(t); });
+  Quor::traceLevelIs("FrameworkTestChannel", 3);
+  int const line = __LINE__ + 1;
+  QUOR_TRACE(channel, 3, "value " << expensive());
+  QUOR_TRACE(channel, 4, "too detailed " << expensive());
+  Quor::traceLevelIs("FrameworkTestChannel", -1);
+  QUOR_TRACE(channel, 0, "off again " << expensive());
+  Quor::traceSinkIs(nullptr);
+
+  EXPECT_EQ(evaluated, 1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].channel, "FrameworkTestChannel");
+  EXPECT_EQ(got[0].level, 3);
+  EXPECT_EQ(got[0].stem, "framework_test");
+  EXPECT_EQ(got[0].line, line);
+  EXPECT_EQ(got[0].function, "TestBody");
+  EXPECT_EQ(got[0].text, "value 1");
+}
+
+TEST(TraceTest, LevelSetBeforeTheChannelExistsReachesIt) {
+  Quor::traceLevelsIs("LateChannel", 2, 5);
+  Quor::TraceHandle late("LateChannel");
+  EXPECT_FALSE(late.enabled(1));
+  EXPECT_TRUE(late.enabled(2));
+  EXPECT_TRUE(late.enabled(5));
+  EXPECT_FALSE(late.enabled(6));
+  Quor::traceLevelIs("LateChannel", -1);
+  EXPECT_FALSE(late.enabled(0));
+}
+
+TEST(LogTest, RateLimitedMessagesCountWhatTheyDrop) {
+  Quor::VirtualTime vt(500);
+  std::vector<Quor::LogRecord> got;
+  Quor::logSinkIs([&](Quor::LogRecord const& r) { got.push_back(r); });
+  Quor::LogHandle unlimited("TEST_UNLIMITED", Quor::LogSeverity::error, "fd %d: %s", "explanation",
+                            Quor::NoActionRequired, 0.0, 1.0);
+  for (int i = 0; i < 3; ++i) unlimited.log(i, "bad");
+  Quor::LogHandle limited("TEST_LIMITED", Quor::LogSeverity::warning, "n=%d", "e", "a", 10.0, 2.0);
+  for (int i = 0; i < 5; ++i) limited.log(i);
+  EXPECT_FALSE(limited.okToLog());
+  vt.advance(10);
+  EXPECT_TRUE(limited.okToLog());
+  limited.log(99);
+  Quor::logSinkIs(nullptr);
+  ASSERT_EQ(got.size(), 6u);
+  EXPECT_EQ(got[2].text, "fd 2: bad");
+  EXPECT_EQ(got[2].name, "TEST_UNLIMITED");
+  EXPECT_EQ(got[4].text, "n=1");
+  EXPECT_EQ(got[5].text, "n=99 (3 similar messages suppressed)");
+}
+
+// ---- exceptions, assertions, collections ----
+
+TEST(ExceptionTest, ExactTexts) {
+  try {
+    QUOR_CHECK_RANGE("TimerWheel", "tickMsecs", 0u, 1, 3600000);
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "TimerWheel::tickMsecs < 1 or > 3600000 not allowed");
+  }
+  try {
+    QUOR_CHECK_RANGE("BucketSize", "value", 1u, 2, 0xfffffffe);
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "BucketSize::value < 2 or > 0xfffffffe not allowed");
+  }
+  EXPECT_NO_THROW(QUOR_CHECK_RANGE("TimerWheel", "processTimeLimit", 0.5, 0, 0.5));
+  try {
+    Quor::checkNotNull("AgentSocketHandlerSm", "fd", Quor::Ptr<Quor::FileDescriptor>());
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "null _fd parameter to mutator for Vell::AgentSocketHandlerSm::fd not allowed\"");
+  }
+  EXPECT_STREQ(Quor::constInstanceMessage(), "attempting to modify a const instance");
+  Quor::LinkQueue<int> q(2);
+  EXPECT_EQ(q.pushBack(7), 0u);
+  EXPECT_EQ(q.pushBack(8), 1u);
+  try {
+    q.pushBack(9);
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "linkqueue index space full");
+  }
+  q.remove(0);
+  EXPECT_EQ(q.pushBack(9), 0u);  // freed index reused, queue order kept
+  EXPECT_EQ(q.popFront(), 8);
+  try {
+    q.at(5);
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "linkqueue index out of range");
+  }
+}
+
+TEST(CollectionsTest, MissingMembersReadAsDefault) {
+  Quor::DynArray<Quor::U32> a;
+  EXPECT_EQ(a[1000], 0u);
+  a.elementIs(3, 7);
+  EXPECT_EQ(a.size(), 4u);
+  EXPECT_EQ(a[3], 7u);
+  Quor::RbTreeMap<int, Quor::Name> m;
+  m.memberIs("b", 2);
+  m.memberIs("a", 1);
+  m.memberIs("b", 3);
+  EXPECT_EQ(m.member("zz"), 0);
+  auto bookmark = m.begin();  // "a"
+  m.memberDel("b");
+  EXPECT_EQ(bookmark->second, 1);
+  EXPECT_EQ(m.members(), 1u);
+}
+
+TEST(AssertDeathTest, PrintsConditionStemLineAndSignature) {
+  struct Probe {
+    static void check(int x) { QUOR_ASSERT(x > 1); }
+  };
+  EXPECT_DEATH(Probe::check(0), "Assertion failed: x > 1 \\[framework_test:[0-9]+\\] in static void .*Probe::check\\(int\\)");
+}
+
+TEST(SignalHandlerTest, CrashPrintsBacktraceAndStillDiesByItsSignal) {
+  int errPipe[2];
+  ASSERT_EQ(::pipe(errPipe), 0);
+  pid_t pid = ::fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    ::dup2(errPipe[1], STDERR_FILENO);
+    Quor::SignalHandler::registerSignalHandler();
+    ::raise(SIGFPE);
+    ::_exit(0);
+  }
+  ::close(errPipe[1]);
+  std::string err;
+  char buf[512];
+  ssize_t n;
+  while ((n = ::read(errPipe[0], buf, sizeof buf)) > 0) err.append(buf, static_cast<std::size_t>(n));
+  ::close(errPipe[0]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGFPE);
+  EXPECT_NE(err.find("fatal signal"), std::string::npos) << err;
+  EXPECT_NE(err.find("backtrace"), std::string::npos) << err;
+}
+
+// ---- text form pieces ----
+
+TEST(StrepTest, NeedStringSkipsBlanksOnlyWherePatternHasOne) {
+  Quor::String8 s("   Value  (");
+  auto it = s.begin();
+  Quor::needString(it, s.end(), " Value");
+  Quor::needString(it, s.end(), " (");
+  EXPECT_EQ(it, s.end());
+  Quor::String8 t("Val ue");
+  it = t.begin();
+  EXPECT_THROW(Quor::needString(it, t.end(), "Value"), Quor::RangeException);
+}
+
+TEST(StrepTest, NumbersAndStringsRoundTrip) {
+  EXPECT_EQ(Quor::strepToValue<Quor::U64>("18446744073709551615"), 18446744073709551615ull);
+  EXPECT_THROW(Quor::strepToValue<Quor::U16>("65536"), Quor::RangeException);
+  EXPECT_THROW(Quor::strepToValue<Quor::U32>(""), Quor::RangeException);
+  EXPECT_THROW(Quor::strepToValue<Quor::U32>("-1"), Quor::RangeException);
+  EXPECT_EQ(Quor::strepToValue<int>("-42"), -42);
+  for (double d : {0.1, -1e300, 5.0, 1.0 / 3, Quor::endOfTime})
+    EXPECT_EQ(Quor::strepToValue<double>(Quor::valueToStrep(d)), d);
+  Quor::String8 tricky("it's a \\ test\n");
+  EXPECT_EQ(Quor::strepToValue<Quor::String8>(Quor::valueToStrep(tricky)), tricky);
+  EXPECT_EQ(Quor::valueToStrep(Quor::String8("a'b")), "'a\\'b'");
+  try {
+    Quor::strepToValue<int>("12 x");
+    FAIL();
+  } catch (Quor::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "junk at column 2 deserializing 12 x");
+  }
+}
+
+}  // namespace
