@@ -164,29 +164,31 @@ void HBitmap::updateBitsInRange(U32 start, U32 end, BitState state) {
       clr[w] &= ~mask;
     }
   }
-  // Only the summaries above the changed words can differ, so only they are rebuilt; the
-  // result is the same as rebuilding whole levels, at a cost in the range, not the size.
+  // Only the summaries above the changed words can differ, so only they are recomputed:
+  // the same result as rebuilding whole levels, at a cost in the range, not the size.
   rebuildSummaries(startWord - arrayBaseOffsetForHeight_[0], endWord - arrayBaseOffsetForHeight_[0]);
 }
 
-// Rebuilds, level by level, every summary word above leaf words lo .. hi from its children.
+// Recomputes, level by level, the summary bits of leaf words lo .. hi and of their
+// ancestors. Only those bits can have changed; the others and the padding keep their values.
 void HBitmap::rebuildSummaries(U32 lo, U32 hi) {
   U64* const set = setBm_.data();
   U64* const clr = clearBm_.data();
   for (U32 h = 1; h < height_; ++h) {
     U64 const* const childSet = set + arrayBaseOffsetForHeight_[h - 1];
     U64 const* const childClr = clr + arrayBaseOffsetForHeight_[h - 1];
-    U32 const bits = numBitsAtHeight_[h];
     for (U32 k = lo / 64; k <= hi / 64; ++k) {
-      U32 const first = k * 64;
-      U32 const n = std::min<U32>(64, bits - first);
-      U64 s = 0, c = allOnes;  // padding stays 0 in setBm and 1 in clearBm
-      for (U32 i = 0; i < n; ++i) {
-        s |= U64(childSet[first + i] != 0) << i;
-        c &= ~(U64(childClr[first + i] != allOnes) << i);
+      U32 const last = std::min(hi, 64 * k + 63);
+      U64 mask = 0, s = 0, c = 0;
+      for (U32 i = std::max(lo, 64 * k); i <= last; ++i) {
+        U64 const bit = U64(1) << (i % 64);
+        mask |= bit;
+        s |= childSet[i] != 0 ? bit : 0;
+        c |= childClr[i] == allOnes ? bit : 0;
       }
-      set[arrayBaseOffsetForHeight_[h] + k] = s;
-      clr[arrayBaseOffsetForHeight_[h] + k] = c;
+      U32 const w = arrayBaseOffsetForHeight_[h] + k;
+      set[w] = (set[w] & ~mask) | s;
+      clr[w] = (clr[w] & ~mask) | c;
     }
     lo /= 64;
     hi /= 64;

@@ -3,6 +3,8 @@
 #include <Vell/HBitmap.h>
 #include <Vell/ValueTypes.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <random>
 #include <vector>
@@ -77,18 +79,19 @@ struct Fuzzer {
   }
   State state() { return below(2) ? HBitmap::Set : HBitmap::Clear; }
   Pref pref() { return below(2) ? HBitmap::preferLo : HBitmap::preferHi; }
-  // Random single-bit and range changes to a bitmap and its model.
+  // Random single-bit and range changes to a bitmap and its model, through every entry point.
   void scramble(HBitmap& b, std::vector<bool>& m, int steps) {
     for (int i = 0; i < steps && !m.empty(); ++i) {
       State const s = state();
-      if (below(3) == 0) {
+      bool const set = s == HBitmap::Set;
+      if (below(2)) {
         auto [lo, hi] = range(b.size());
-        b.updateBitsInRange(lo, hi, s);
-        std::fill(m.begin() + lo, m.begin() + hi + 1, s == HBitmap::Set);
+        below(2) ? b.updateBitsInRange(lo, hi, s) : set ? b.setBitsInRange(lo, hi) : b.clearBitsInRange(lo, hi);
+        std::fill(m.begin() + lo, m.begin() + hi + 1, set);
       } else {
         U32 const bit = below(m.size());
-        b.updateBit(bit, s);
-        m[bit] = s == HBitmap::Set;
+        below(2) ? b.updateBit(bit, s) : set ? b.setBit(bit) : b.clearBit(bit);
+        m[bit] = set;
       }
     }
   }
@@ -103,16 +106,8 @@ void runDifferential(U32 size, U64 seed, int steps) {
   for (int step = 0; step < steps; ++step) {
     SCOPED_TRACE(testing::Message() << "step " << step);
     U32 const op = f.below(10);
-    if (size > 0 && op < 4) {  // single bits, through every entry point
-      U32 const bit = f.below(size);
-      State const s = f.state();
-      op == 0 ? b->updateBit(bit, s) : s == HBitmap::Set ? b->setBit(bit) : b->clearBit(bit);
-      m[bit] = s == HBitmap::Set;
-    } else if (size > 0 && op < 7) {
-      auto [lo, hi] = f.range(size);
-      State const s = f.state();
-      op == 4 ? b->updateBitsInRange(lo, hi, s) : s == HBitmap::Set ? b->setBitsInRange(lo, hi) : b->clearBitsInRange(lo, hi);
-      std::fill(m.begin() + lo, m.begin() + hi + 1, s == HBitmap::Set);
+    if (op < 7) {
+      f.scramble(*b, m, 1);
     } else if (op < 9) {  // combine with an equal or larger bitmap whose extra bits are random
       U32 const otherSize = size + (f.below(2) ? 0 : f.below(200));
       State const otherInit = f.state();
