@@ -38,6 +38,7 @@ constexpr U64 allOnes = ~U64(0);
             : failed(#a " " #op " " #b, #a, static_cast<U64>(a), #b, static_cast<U64>(b), __FILE__, \
                      __LINE__, __PRETTY_FUNCTION__))
 
+// Enumerations hold any 32-bit number; an operation refuses one that is no enumerator.
 template <class E>
 E checkedEnum(E e, char const* attr) {
   QUOR_CHECK_RANGE("HBitmap", attr, static_cast<U32>(e), 0, 1);
@@ -243,6 +244,7 @@ U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference 
   HBitmap scratch(quorIndex_ + 1, size_, state);
   QUOR_TRACE(traceHandle, 7, "start = " << start << ", end = " << end << ", state = " << state);
   if (start > 0) scratch.updateBitsInRange(0, start - 1, opposite(state));
+  // Widened: size_ - 1 would wrap for an empty bitmap.
   if (U64(end) + 1 < size_) scratch.updateBitsInRange(end + 1, size_ - 1, opposite(state));
   scratch.combineWith(this, state == Set ? And : Or);
   return scratch.search(indexPref, state);
@@ -250,14 +252,14 @@ U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference 
 
 void HBitmap::doLogicalOp(Quor::Ptr<HBitmap const> const& hbmp, LogicalOp op) {
   QUOR_TRACE(traceHandle, 1, "HBitmap::doLogicalOp");
-  Quor::checkNotNull("HBitmap", "hbmp", hbmp);
+  Quor::checkNotNull("HBitmap", "hbmp", hbmp);  // a null bitmap is a bad argument, not a crash
   combineWith(hbmp.ptr(), op);
 }
 
 void HBitmap::combineWith(HBitmap const* hbmp, LogicalOp op) {
   HBITMAP_CHECK(size(), <=, hbmp->size());
   if (op != And && op != Or) {
-    QUOR_TRACE(traceHandle, 7, "Unknown logical op: " << op);
+    QUOR_TRACE(traceHandle, 7, "Unknown logical op: " << op);  // once, not once per word
     return;
   }
   U32 const words = roundup64(size_) / 64;
