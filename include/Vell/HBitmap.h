@@ -1,0 +1,144 @@
+// Vell::HBitmap: a fixed-size bitmap that finds its lowest or highest set or clear bit in
+// time proportional to its height (about log64 of its size), not to its size.
+//
+// Workload: index spaces of up to a few hundred million entries (slots, ports, ids) in
+// which single bits flip often and "give me the lowest free one" is asked even more
+// often. Beside the leaf bits the bitmap keeps two trees of summary words, one summary
+// bit per child word:
+//   setBm    bit is 1 when the child word has some set bit (leaves: the bit itself);
+//   clearBm  bit is 1 when the child word is all ones, so a 0 points at a clear bit.
+// Both trees live in one word array each, leaves first, each level right after the one
+// below; the top level is a single word. Padding bits (beyond a level's meaningful bits in
+// its last word) are 0 in setBm and 1 in clearBm, so no search ever lands on them.
+//
+// Costs: single-bit updates write one word per level in each tree and never stop early
+// (no data-dependent branches); searches read one word per level. Range updates cost
+// their range plus the summaries above it. Logical operations and range searches cost
+// the whole size: a range search works on a scratch copy.
+//
+// Preconditions are asserted (a bad index is a programming error and aborts with the
+// condition and the values); finding nothing is not an error but 0xFFFFFFFF.
+#pragma once
+#include <Quor/Quor.h>
+
+namespace Vell {
+
+class QUOR_API HBitmap final : public Quor::Entity {
+ public:
+  enum class BitState : U32 { Set = 0, Clear = 1 };
+  enum class IndexPreference : U32 { preferLo = 0, preferHi = 1 };
+  enum class LogicalOp : U32 { And = 0, Or = 1 };
+  using enum BitState;
+  using enum IndexPreference;
+  using enum LogicalOp;
+  QUOR_ENUM_TEXT_IN_CLASS(BitState, "HBitmap::BitState", {BitState::Set, "Set"}, {BitState::Clear, "Clear"})
+  QUOR_ENUM_TEXT_IN_CLASS(IndexPreference, "HBitmap::IndexPreference", {IndexPreference::preferLo, "preferLo"},
+                          {IndexPreference::preferHi, "preferHi"})
+  QUOR_ENUM_TEXT_IN_CLASS(LogicalOp, "HBitmap::LogicalOp", {LogicalOp::And, "And"}, {LogicalOp::Or, "Or"})
+
+  /// What every search returns when no bit is in the wanted state.
+  static constexpr U32 notFound = 0xFFFFFFFF;
+
+  HBitmap(HBitmap const&) = delete;
+  HBitmap& operator=(HBitmap const&) = delete;
+
+  // ---- attributes ----
+  /// The bitmap's identity (its key), fixed by the factory.
+  U64 quorIndex() const { return quorIndex_; }
+  /// Number of usable bits: indexes 0 .. size()-1. Never changes.
+  U32 size() const { return size_; }
+  BitState initialBitState() const { return initialBitState_; }
+  /// Number of leaf bits that are Set; exact after every operation.
+  U32 numBitsInSetState() const { return numBitsInSetState_; }
+  /// Number of levels, leaves included; at least 1.
+  U32 height() const { return height_; }
+  /// Meaningful bits at level h (level 0 holds the leaves); 0 beyond the top.
+  U32 numBitsAtHeight(U32 h) const { return numBitsAtHeight_[h]; }
+  /// Index of level h's first word in setBm and clearBm; 0 beyond the top.
+  U32 arrayBaseOffsetForHeight(U32 h) const { return arrayBaseOffsetForHeight_[h]; }
+  /// Word w of the set tree / the clear tree; 0 beyond the arrays.
+  U64 setBm(U32 w) const { return setBm_[w]; }
+  U64 clearBm(U32 w) const { return clearBm_[w]; }
+  /// Raw word writes (a write past the end grows the array), for repair tools and tests.
+  /// A write that breaks the summary invariant misleads every later search; a search
+  /// that meets a contradiction aborts.
+  void setBmIs(U32 w, U64 word) { setBm_.elementIs(w, word); }
+  void clearBmIs(U32 w, U64 word) { clearBm_.elementIs(w, word); }
+
+  // ---- single bits ----
+  /// Puts one bit in `state`. Precondition: bit < size(). Throws Quor::RangeException for
+  /// a state that is neither Set nor Clear.
+  void updateBit(U32 bit, BitState state);
+  void setBit(U32 bit) { updateBit(bit, Set); }
+  void clearBit(U32 bit) { updateBit(bit, Clear); }
+  /// The leaf bit; false for any bit at or beyond size() (no precondition).
+  bool isBitSet(U32 bit) const;
+
+  // ---- ranges, both ends inclusive ----
+  /// Puts bits start .. end in `state`. Preconditions: start <= end, end < size().
+  void updateBitsInRange(U32 start, U32 end, BitState state);
+  void setBitsInRange(U32 start, U32 end) { updateBitsInRange(start, end, Set); }
+  void clearBitsInRange(U32 start, U32 end) { updateBitsInRange(start, end, Clear); }
+
+  // ---- searches ----
+  /// The lowest (preferLo) or highest (preferHi) bit in `state`, or notFound. Reads one
+  /// word per level.
+  U32 findBitInState(IndexPreference indexPref, BitState state) const;
+  U32 findBitInSetState(IndexPreference indexPref) const { return findBitInState(indexPref, Set); }
+  U32 findBitInClearState(IndexPreference indexPref) const { return findBitInState(indexPref, Clear); }
+  /// The same within start .. end, or notFound. Preconditions: start <= end, end <= size()
+  /// (end == size() is accepted and searches up to the last bit). Costs O(size()).
+  U32 findBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const;
+  U32 findSetBitInRange(U32 start, U32 end, IndexPreference indexPref) const {
+    return findBitInRange(start, end, Set, indexPref);
+  }
+  U32 findClearBitInRange(U32 start, U32 end, IndexPreference indexPref) const {
+    return findBitInRange(start, end, Clear, indexPref);
+  }
+
+  // ---- whole-bitmap operations ----
+  /// Combines hbmp into this bitmap in place, bit by bit; hbmp's bits beyond size() are
+  /// ignored. Precondition: size() <= hbmp->size(). Throws Quor::RangeException for a null
+  /// hbmp. An unknown op is traced and changes nothing. Costs O(size()).
+  void doLogicalOp(Quor::Ptr<HBitmap const> const& hbmp, LogicalOp op);
+  void doAnd(Quor::Ptr<HBitmap const> const& hbmp) { doLogicalOp(hbmp, And); }
+  void doOr(Quor::Ptr<HBitmap const> const& hbmp) { doLogicalOp(hbmp, Or); }
+
+  // ---- word helpers (also for callers that scan setBm / clearBm themselves) ----
+  /// Index of the lowest 1 in word. Precondition: word != 0.
+  static U32 lowestSetBitOf(U64 word);
+  /// Index of the highest 1 in word. Precondition: word != 0.
+  static U32 highestSetBitOf(U64 word);
+
+ protected:
+  /// Builds the levels and fills them with initialBitState; run once, by the constructor.
+  void handleInitialized() override;
+
+ private:
+  template <class T, class... A>
+  friend Quor::Ptr<T> Quor::makeEntity(A&&... args);
+  HBitmap(U64 quorIndex, U32 size, BitState initialBitState);
+
+  void buildLayout();
+  void fillLevels();
+  U32 search(IndexPreference indexPref, BitState state) const;
+  void combineWith(HBitmap const* hbmp, LogicalOp op);
+  void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
+
+  U64 quorIndex_;
+  U32 size_;
+  BitState initialBitState_;
+  U32 numBitsInSetState_ = 0;
+  U32 height_ = 0;
+  Quor::DynArray<U32> numBitsAtHeight_;
+  Quor::DynArray<U32> arrayBaseOffsetForHeight_;
+  Quor::DynArray<U64> setBm_;
+  Quor::DynArray<U64> clearBm_;
+};
+
+/// A bitmap of `size` bits, every one in initialBitState, ready to use. Throws
+/// Quor::RangeException for a state that is neither Set nor Clear; a size above
+/// 0xFFFFFFC0 (whose word count overflows) aborts.
+QUOR_API Quor::Ptr<HBitmap> hBitmapFactory(U64 quorIndex, U32 size, HBitmap::BitState initialBitState);
+
+}  // namespace Vell
