@@ -274,6 +274,9 @@ TEST_F(LoopTest, ReactorArmedInThePastRunsOnTheNextTurnNotInTheSamePass) {
   EXPECT_FALSE(loop->runOnce());
   EXPECT_EQ(runs, 3);
   EXPECT_EQ(Quor::now(), 1000);
+  a->timeMinIs(1000);
+  loop->runUntil(Quor::now());  // due right now: runs without time moving
+  EXPECT_EQ(runs, 4);
 }
 
 TEST_F(LoopTest, CancelDetachAndDestroyDuringAPassAreSafe) {

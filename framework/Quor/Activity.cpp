@@ -154,6 +154,8 @@ void ActivitySm::runUntil(Seconds deadline) {
     if (!(t < deadline)) break;
     runOnce(deadline - t);
   }
+  // What is due at the deadline itself runs too, so runUntil(now()) runs what is due now.
+  if (!stopped_) runDueClocks();
 }
 
 bool ActivitySm::runUntil(std::function<bool()> const& done, Seconds timeout) {

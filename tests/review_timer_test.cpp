@@ -1,0 +1,176 @@
+// ReviewTimer under virtual time: the credit rule against a reference model, and the
+// rule's visible consequences (back-off, refill, pending, immediate override).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include <Vell/ReviewTimer.h>
+
+namespace {
+
+using Quor::Seconds;
+using Vell::U32;
+
+constexpr Seconds t0 = 1000.0;
+
+// The caller's side: a reactor whose onTime() performs a review and records it.
+struct Reviewer : Quor::Clock::NotifieeConst {
+  Vell::ReviewTimer* timer = nullptr;
+  std::vector<Seconds> reviews;
+  bool moreWork = false;  // ask for the next review after each one
+  void onTime() override {
+    reviews.push_back(Quor::now());
+    timer->lastReviewIs(Quor::now());
+    if (moreWork) timer->doUpdateNextReview();
+  }
+};
+
+// The credit rule written plainly in wide signed arithmetic; valid while lastReview
+// is not in the future, which these tests keep.
+struct Model {
+  long maxCredits;
+  double minDelay, maxDelay, delay = 0;
+  long credits = 0;
+  Seconds schedule(Seconds now, Seconds lastReview) {
+    credits = std::min(credits + static_cast<long>(now - lastReview), maxCredits);
+    delay = credits >= maxCredits ? minDelay : std::min(2 * delay, maxDelay);
+    if (credits > 0) --credits;
+    return now + delay;
+  }
+};
+
+class ReviewTimerTest : public ::testing::Test {
+ protected:
+  Quor::VirtualTime vt{t0};
+  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("reviews");
+  Quor::Ptr<Reviewer> reviewer{new Reviewer};
+  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(clock->activity());
+  Quor::Ptr<Vell::ReviewTimer> timer;
+
+  void make(U32 maxCredits, float minDelay, float maxDelay) {
+    timer = Vell::reviewTimerFactory(reviewer.ptr(), 1.0f, maxCredits, minDelay, maxDelay);
+    reviewer->timer = timer.ptr();
+    reviewer->notifierIs(clock);
+  }
+};
+
+TEST_F(ReviewTimerTest, BacksOffWhileReviewsComeBackToBack) {
+  make(3, 1, 8);
+  std::vector<std::string> traces;
+  Quor::traceLevelIs("ReviewTimer", 9);
+  Quor::traceSinkIs([&](Quor::TraceRecord const& r) { traces.push_back(r.text); });
+  reviewer->moreWork = true;
+  timer->doUpdateNextReview();
+  Quor::traceLevelIs("ReviewTimer", -1);
+  Quor::traceSinkIs({});
+  EXPECT_EQ(traces, std::vector<std::string>{"ReviewTimer scheduling at 1000 + 1"});
+  EXPECT_EQ(timer->credits(), 2u);
+
+  // Each review schedules the next with no whole second earned: 1, 2, 4, 8, 8, ...
+  loop->runUntil(t0 + 40);
+  EXPECT_EQ(reviewer->reviews, (std::vector<Seconds>{t0 + 1, t0 + 3, t0 + 7, t0 + 15, t0 + 23, t0 + 31, t0 + 39}));
+  EXPECT_EQ(timer->credits(), 0u);
+  EXPECT_EQ(timer->delay(), 8);
+
+  // Two whole seconds are not enough to reach the ceiling: the back-off continues.
+  reviewer->moreWork = false;
+  loop->runUntil(t0 + 47);  // the review scheduled at 39 comes at 47
+  vt.advance(2.5);
+  timer->doUpdateNextReview();
+  EXPECT_EQ(timer->delay(), 8);
+  EXPECT_EQ(timer->credits(), 1u);
+
+  // A pause of maxCredits seconds after the last review restores the short delay.
+  loop->runUntil(t0 + 57.5);
+  ASSERT_EQ(timer->lastReview(), t0 + 57.5);
+  vt.advance(3);
+  timer->doUpdateNextReview();
+  EXPECT_EQ(timer->delay(), 1);
+  EXPECT_EQ(timer->credits(), 2u);
+}
+
+TEST_F(ReviewTimerTest, PendingReviewBlocksSchedulingAndImmediateOverridesIt) {
+  make(2, 4, 16);
+  EXPECT_FALSE(timer->reviewPending());
+  timer->doUpdateNextReview();
+  ASSERT_TRUE(timer->reviewPending());
+  EXPECT_EQ(reviewer->timeMin(), t0 + 4);
+
+  vt.advance(1.5);
+  timer->doUpdateNextReview();  // still pending: nothing moves
+  EXPECT_EQ(reviewer->timeMin(), t0 + 4);
+  EXPECT_EQ(timer->credits(), 1u);
+  EXPECT_EQ(timer->delay(), 4);
+
+  timer->doUpdateNextReviewImmediately();
+  EXPECT_EQ(reviewer->timeMin(), t0 + 1.5);
+  EXPECT_EQ(timer->credits(), 1u);
+  EXPECT_EQ(timer->delay(), 4);
+  loop->runUntil(t0 + 20);
+  EXPECT_EQ(reviewer->reviews, std::vector<Seconds>{t0 + 1.5});  // once, at once
+  EXPECT_FALSE(timer->reviewPending());
+
+  timer->doUpdateNextReviewImmediately();  // also arms an idle reactor
+  EXPECT_EQ(reviewer->timeMin(), t0 + 20);
+}
+
+// Random schedulings, pauses, reviews and overrides, compared step by step with the
+// model; the ceiling, delays and pause lengths vary per seed.
+TEST_F(ReviewTimerTest, MatchesTheCreditRuleOverManySchedulings) {
+  for (unsigned seed = 1; seed <= 8; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    auto pick = [&](int n) { return static_cast<int>(rng() % unsigned(n)); };
+    reviewer->reviews.clear();
+    reviewer->timeMinIs(Quor::endOfTime);
+    make(U32(pick(6)), 0.25f * float(1 + pick(4)), float(1 << (1 + pick(4))));
+    Model m{timer->maxCredits(), timer->minDelay(), timer->maxDelay()};
+    Seconds modelTimeMin = Quor::endOfTime, lastReview = 0;
+    for (int step = 0; step < 400; ++step) {
+      Seconds const now = Quor::now();
+      switch (pick(8)) {
+        case 0:
+          timer->doUpdateNextReviewImmediately();
+          modelTimeMin = now;
+          break;
+        case 1:
+        case 2:
+        case 3: {
+          Seconds const until = now + 0.125 * (1 + pick(8 * (int(m.maxCredits) + 2)));
+          loop->runUntil(until);
+          if (modelTimeMin <= until) lastReview = std::exchange(modelTimeMin, Quor::endOfTime);
+          break;
+        }
+        default:
+          timer->doUpdateNextReview();
+          if (modelTimeMin == Quor::endOfTime) modelTimeMin = m.schedule(now, lastReview);
+      }
+      ASSERT_EQ(reviewer->timeMin(), modelTimeMin) << "step " << step;
+      ASSERT_EQ(timer->credits(), U32(m.credits)) << "step " << step;
+      ASSERT_EQ(timer->delay(), m.delay) << "step " << step;
+      ASSERT_EQ(timer->lastReview(), lastReview) << "step " << step;
+    }
+  }
+}
+
+// A lastReview far off or meaningless must give a bounded credit count, never an
+// undefined conversion (the sanitizer build checks the latter).
+TEST_F(ReviewTimerTest, SurvivesAbsurdLastReview) {
+  make(5, 1, 8);
+  timer->creditsIs(2);
+  for (Seconds last : {1e300, -1e300, Quor::endOfTime, -Quor::endOfTime, std::nan("")}) {
+    timer->lastReviewIs(last);
+    timer->doUpdateNextReview();
+    EXPECT_LE(timer->credits(), 4u);
+    reviewer->timeMinIs(Quor::endOfTime);
+  }
+  timer->creditsIs(3);
+  timer->lastReviewIs(std::nan(""));  // earns nothing
+  timer->doUpdateNextReview();
+  EXPECT_EQ(timer->credits(), 2u);
+}
+
+}  // namespace
