@@ -319,24 +319,14 @@ std::string randomSmaps(std::mt19937_64& rng, std::vector<Drop>* expected) {
                   (unsigned long long)end, perm.c_str(), (unsigned long long)(rng() & 0xffffffffff),
                   unsigned(rng() % 256), unsigned(rng() % 256), (unsigned long long)(rng() % 100000000000));
     text += head + std::string(coin(50) ? 26 : 1, ' ') + path + "\n";
-    auto counter = [&](char const* key, U64 v) { text += std::string(key) + ":" + std::string(8, ' ') + std::to_string(v) + " kB\n"; };
-    counter("Size", (end - start) >> 10);
-    counter("KernelPageSize", 4);
-    counter("MMUPageSize", 4);
-    counter("Rss", rng() % 1000);
-    counter("Pss", rng() % 1000);
-    counter("Pss_Dirty", rng() % 1000);
-    counter("Shared_Clean", rng() % 1000);
-    counter("Shared_Dirty", sharedDirty);
-    counter("Private_Clean", rng() % 1000);
-    counter("Private_Dirty", privateDirty);
-    counter("Referenced", rng() % 1000);
-    counter("Anonymous", rng() % 1000);
-    counter("LazyFree", rng() % 1000);
-    counter("AnonHugePages", rng() % 1000);
-    counter("Swap", rng() % 1000);
-    counter("SwapPss", rng() % 1000);
-    counter("Locked", rng() % 1000);
+    // The kernel's keys in its order; the two dirty counters decide, the rest is noise.
+    for (char const* key : {"Size", "KernelPageSize", "MMUPageSize", "Rss", "Pss", "Pss_Dirty", "Shared_Clean",
+                            "Shared_Dirty", "Private_Clean", "Private_Dirty", "Referenced", "Anonymous", "LazyFree",
+                            "AnonHugePages", "Swap", "SwapPss", "Locked"}) {
+      std::string const k = key;
+      U64 const v = k == "Shared_Dirty" ? sharedDirty : k == "Private_Dirty" ? privateDirty : rng() % 1000;
+      text += k + ":        " + std::to_string(v) + " kB\n";
+    }
     text += "THPeligible:    0\n";
     text += "VmFlags: rd ex mr mw me" + (coin(5) ? std::string(5000, 'x') : std::string()) + "\n";
     bool const writable = perm[1] == 'w', executable = perm[2] == 'x';
