@@ -8,12 +8,17 @@
 //
 // A value type declares its name and fields once with QUOR_VALUE_TYPE and gets its
 // writer, parser, operator<< and operator== from that. A type with a text form of its
-// own defines `void quorWrite(std::string&) const` and `static T quorParse(It&, It)`.
-// A failed parse throws RangeException and leaves the target unchanged.
+// own defines `void quorWrite(std::string&) const` and `static T quorParse(It&, It)`;
+// one that is a single number in text declares it with QUOR_WRAPPED_VALUE_TYPE.
+// A failed parse throws RangeException (id valueParseErrorId) and leaves the target
+// unchanged.
 #pragma once
+#include <cctype>
 #include <charconv>
 #include <concepts>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <ostream>
 #include <string>
 #include <tuple>
@@ -26,6 +31,9 @@
 namespace Quor {
 
 using StrepIt = String8::IteratorConst;
+
+/// The id carried by every exception that reports a text which is no value of its type.
+inline constexpr U32 valueParseErrorId = 12;
 
 // ---- builtin pieces -------------------------------------------------------------
 
@@ -42,6 +50,8 @@ QUOR_API double parseDouble(StrepIt& it, StrepIt end);
 QUOR_API std::string parseQuoted(StrepIt& it, StrepIt end);
 QUOR_API void writeQuoted(std::string& out, std::string_view s);
 QUOR_API void writeDouble(std::string& out, double d);
+/// Matches " '<typeName>'" at it (blanks before the quote are skipped).
+QUOR_API void needTypeName(StrepIt& it, StrepIt end, char const* typeName);
 /// Re-throws a field's parse error with the field's name added.
 [[noreturn]] QUOR_API void rethrowFromDeserializeAttr(char const* field, RangeException const& e);
 /// "junk at column %lld deserializing %s"
@@ -101,6 +111,22 @@ concept CustomText = requires(T const& t, std::string& s, StrepIt& it) {
   friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); } \
   friend bool operator==(Type const& a, Type const& b) { return ::Quor::fieldsEqual(a, b); }
 #define QUOR_FIELD(Type, name) ::Quor::field(#name, &Type::name##_)
+
+/// Declares a value type whose text is that of its one field (storage <field>_), as a
+/// sequence number is written "17": writer, parser and operator<<.
+#define QUOR_WRAPPED_VALUE_TYPE(Type, name)                                                \
+  void quorWrite(std::string& out) const { ::Quor::writeValue(out, name##_); }             \
+  static Type quorParse(::Quor::StrepIt& it, ::Quor::StrepIt end) {                        \
+    Type v{};                                                                              \
+    ::Quor::parseValue(it, end, v.name##_);                                                \
+    return v;                                                                              \
+  }                                                                                        \
+  friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); }
+
+/// Gives a value type the constructor that parses it from text, leaving it behind the
+/// parsed text: Type(it, end). Opt-in, so that plain aggregates stay aggregates.
+#define QUOR_TEXT_CONSTRUCTOR(Type) \
+  Type(::Quor::StrepIt& it, ::Quor::StrepIt end) : Type(::Quor::TextForm<Type>::parse(it, end)) {}
 
 /// The type name without its namespaces, for error texts ("UniqueId").
 QUOR_API char const* shortTypeName(char const* qualified);
@@ -200,7 +226,7 @@ struct TextForm<E> {
       return static_cast<E>(n);
     }
     it = start;
-    throwRangeException(String8(std::string(t.typeName) + " has no enumerator " + word));
+    throw RangeException(String8(std::string(t.typeName) + " has no enumerator " + word), valueParseErrorId);
   }
 };
 
@@ -234,7 +260,7 @@ struct TextForm<T> {
     T v{};
     needString(it, end, " Value");
     needString(it, end, " (");
-    needString(it, end, (std::string(" '") + T::quorTypeName + "'").c_str());
+    needTypeName(it, end, T::quorTypeName);
     needString(it, end, " ,");
     needString(it, end, " **");
     needString(it, end, " {");
