@@ -414,8 +414,12 @@ void ClientSm::serveCommand(AgentSocketHandlerSm& handler, int descriptor, char*
     handler.doCloseClientConnection(self);
     return;
   }
+  // Saving the disposition and ignoring SIGPIPE is one call: the old disposition comes
+  // back in `saved`, and nothing has changed if the call fails.
+  struct sigaction ignore = {};
+  ignore.sa_handler = SIG_IGN;
   struct sigaction saved;
-  if (::sigaction(SIGPIPE, nullptr, &saved) != 0) {
+  if (::sigaction(SIGPIPE, &ignore, &saved) != 0) {
     int const err = errno;
     std::perror("handling SIGPIPE signal");
     QUOR_TRACE(traceHandle, 8, "Error setting signal action: " << std::strerror(err));
@@ -423,10 +427,9 @@ void ClientSm::serveCommand(AgentSocketHandlerSm& handler, int descriptor, char*
     handler.doCloseClientConnection(self);
     return;
   }
-  // An agent that already ignores SIGPIPE keeps its disposition untouched: setting and
-  // restoring it would change nothing but cost two system calls per command.
-  bool const alreadyIgnored = saved.sa_handler == SIG_IGN && !(saved.sa_flags & SA_SIGINFO);
-  if (!alreadyIgnored) ::signal(SIGPIPE, SIG_IGN);
+  // An agent that already ignored SIGPIPE still ignores it: restoring would cost a call
+  // and change nothing that matters for an ignored signal.
+  bool const alreadyIgnored = saved.sa_handler == SIG_IGN;
 
   runCallback(handler, static_cast<unsigned>(descriptor), word, commandArgs);
   handler.doCloseClientConnection(self);

@@ -1,6 +1,7 @@
 // The agent command socket over real sockets, in this process: the address, the
 // request/reply protocol, faults, and descriptor hygiene.
 #include <dirent.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
@@ -511,6 +512,40 @@ TEST_F(AgentSocketTest, ConnectionNamesFollowDescriptorNumbers) {
   std::string const n = watch->added[0];
   EXPECT_EQ(n.substr(0, 9), "clientFd:");
   EXPECT_EQ(n.substr(9, n.find('=') - 9), n.substr(n.find('=') + 1));
+}
+
+// A descriptor the block closed is forgotten by its entity: an entity that outlives the
+// close must not close the number again once something else has reused it.
+TEST_F(AgentSocketTest, ClosedDescriptorsAreNeverClosedAgain) {
+  REQUIRE_SEND_BUFFER_FORCE();
+  handler = Vell::agentSocketHandlerSmFactory(name);
+  struct KeepFds : AgentSocketHandlerSm::NotifieeConst {
+    std::vector<Ptr<Quor::FileDescriptor>> kept;
+    void onFd(Quor::Name const& n) override {
+      if (auto fd = notifier()->fd(n)) kept.push_back(fd);
+    }
+  };
+  Ptr<KeepFds> keep = new KeepFds;
+  keep->notifierIs(handler);
+  addRecorder("x");
+  EXPECT_EQ(roundTrip(name, "x"), "x|");
+  ASSERT_EQ(keep->kept.size(), 1u);
+  EXPECT_EQ(keep->kept[0]->descriptor(), -1);
+
+  Ptr<Quor::FileDescriptor> listener = handler->agentsockFd();
+  handler->handleDeletion();
+  EXPECT_EQ(listener->descriptor(), -1);
+  int reused[2][2];
+  ASSERT_EQ(::pipe(reused[0]), 0);  // the lowest free numbers: those just closed
+  ASSERT_EQ(::pipe(reused[1]), 0);
+  keep = nullptr;
+  handler = nullptr;
+  listener = nullptr;
+  for (auto& p : reused)
+    for (int fd : p) {
+      EXPECT_NE(::fcntl(fd, F_GETFD), -1) << "descriptor " << fd << " was closed behind our back";
+      ::close(fd);
+    }
 }
 
 // ---- faults ----
