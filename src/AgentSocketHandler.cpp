@@ -220,7 +220,7 @@ void AgentSocketHandlerSm::handleDel() {
     agentsockFdReactor_->notifierIs(nullptr);
   }
   // Connections may outlive us in someone else's Ptr: they must not reach back.
-  for (auto& [name, client] : clients_) client->handler_ = nullptr;
+  for (auto& [name, client] : clients_) client->handlerGone();
   clients_.clear();  // open connections are closed by their descriptor entities
   fds_.clear();
   callbacks_.clear();
@@ -276,7 +276,7 @@ Quor::Ptr<ClientSm> AgentSocketHandlerSm::clientIs(Quor::Ptr<Quor::FileDescripto
   c->hasNotificationActiveIs(true);
   Quor::Ptr<ClientSm>& slot = clients_[fd->name()];
   Quor::Ptr<ClientSm> const replaced = slot;
-  if (replaced) replaced->handler_ = nullptr;
+  if (replaced) replaced->handlerGone();
   slot = c;
   notifiees_.notify(&NotifieeConst::onClient, c->name());
   return c;
@@ -293,7 +293,7 @@ void AgentSocketHandlerSm::clientDel(Quor::Name const& name) {
   auto it = clients_.find(name);
   if (it == clients_.end()) return;
   Quor::Ptr<ClientSm> const gone = it->second;
-  gone->handler_ = nullptr;
+  gone->handlerGone();
   clients_.erase(it);
   notifiees_.notify(&NotifieeConst::onClient, name);
 }
@@ -349,6 +349,13 @@ void ClientSm::handleDel() {
     clientFdReactor_->notifierIs(nullptr);
   }
   handler_ = nullptr;
+}
+
+// A connection its handler let go of can no longer be served: it stops watching its
+// descriptor, which would otherwise stay readable and spin the loop.
+void ClientSm::handlerGone() {
+  handler_ = nullptr;
+  if (clientFd_) clientFd_->notifyOnReadableIs(false);
 }
 
 void ClientSm::clientFdIs(Quor::Ptr<Quor::FileDescriptor> const& fd) {

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <stdexcept>
@@ -165,7 +164,10 @@ struct LogCapture {
 
 class AgentSocketTest : public ::testing::Test {
  protected:
-  void SetUp() override { fdsAtStart_ = openDescriptors(); }
+  void SetUp() override {
+    loop();  // its epoll descriptor lives as long as the process
+    fdsAtStart_ = openDescriptors();
+  }
   void TearDown() override {
     handler = nullptr;
     EXPECT_EQ(openDescriptors(), fdsAtStart_) << "descriptor leaked";
@@ -195,12 +197,6 @@ TEST_F(AgentSocketTest, ThreeLetterNameBindsFiveByteAbstractPath) {
   ASSERT_EQ(::getsockname(handler->agentsockFd()->descriptor(), reinterpret_cast<sockaddr*>(&addr), &len), 0);
   EXPECT_EQ(len, 7u);
   EXPECT_EQ(std::string(addr.sun_path, 5), std::string("\0s", 2) + three);
-
-  std::ifstream proc("/proc/net/unix");
-  std::string line;
-  bool listed = false;
-  while (std::getline(proc, line)) listed |= line.size() > 6 && line.substr(line.size() - 6) == " @s" + three;
-  EXPECT_TRUE(listed) << "@s" << three << " not in /proc/net/unix";
 
   // The address has no trailing zero bytes: one more byte is another address.
   int const fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -336,6 +332,10 @@ TEST_F(AgentSocketTest, HandlerDroppedWithOpenConnectionsIsDestroyedAndFreesItsN
   int const other = hungUp(a) ? b : a;
   EXPECT_TRUE(hungUp(a) || hungUp(b));
   EXPECT_FALSE(hungUp(other));
+  // A request on the kept connection wakes nobody: an orphan no longer watches its
+  // descriptor (level-triggered, it would spin the loop).
+  ASSERT_EQ(::send(other, "x", 1, MSG_NOSIGNAL), 1);
+  EXPECT_FALSE(loop()->runOnce(0)) << "a reactor ran for an orphan connection";
   kept = nullptr;
   EXPECT_TRUE(hungUp(other));
   ::close(a);
@@ -492,28 +492,6 @@ TEST_F(AgentSocketTest, TracesFollowOneExchange) {
   EXPECT_EQ(level8[5], "Socket deleted");
 }
 
-TEST_F(AgentSocketTest, ConnectionNamesFollowDescriptorNumbers) {
-  REQUIRE_SEND_BUFFER_FORCE();
-  handler = Vell::agentSocketHandlerSmFactory(name);
-  struct Watch : AgentSocketHandlerSm::NotifieeConst {
-    std::vector<std::string> added;
-    void onClient(Quor::Name const& n) override {
-      Ptr<Vell::ClientSm> c = notifier()->client(n);
-      if (c) added.push_back(n.str() + "=" + std::to_string(c->clientFd()->descriptor()));
-    }
-  };
-  Ptr<Watch> watch = new Watch;
-  watch->notifierIs(handler);
-  addRecorder("x");
-  roundTrip(name, "x");
-  roundTrip(name, "x");
-  ASSERT_EQ(watch->added.size(), 2u);
-  EXPECT_EQ(watch->added[0], watch->added[1]) << "a reused descriptor number reuses the name";
-  std::string const n = watch->added[0];
-  EXPECT_EQ(n.substr(0, 9), "clientFd:");
-  EXPECT_EQ(n.substr(9, n.find('=') - 9), n.substr(n.find('=') + 1));
-}
-
 // A descriptor the block closed is forgotten by its entity: an entity that outlives the
 // close must not close the number again once something else has reused it.
 TEST_F(AgentSocketTest, ClosedDescriptorsAreNeverClosedAgain) {
@@ -522,15 +500,23 @@ TEST_F(AgentSocketTest, ClosedDescriptorsAreNeverClosedAgain) {
   struct KeepFds : AgentSocketHandlerSm::NotifieeConst {
     std::vector<Ptr<Quor::FileDescriptor>> kept;
     void onFd(Quor::Name const& n) override {
-      if (auto fd = notifier()->fd(n)) kept.push_back(fd);
+      if (auto fd = notifier()->fd(n)) {
+        EXPECT_EQ(n.str(), "clientFd:" + std::to_string(fd->descriptor()));
+        kept.push_back(fd);
+      }
     }
   };
   Ptr<KeepFds> keep = new KeepFds;
   keep->notifierIs(handler);
   addRecorder("x");
   EXPECT_EQ(roundTrip(name, "x"), "x|");
-  ASSERT_EQ(keep->kept.size(), 1u);
+  EXPECT_EQ(roundTrip(name, "x"), "x|");
+  ASSERT_EQ(keep->kept.size(), 2u);
   EXPECT_EQ(keep->kept[0]->descriptor(), -1);
+  // Connections are named after their descriptor number, so a reused number reuses
+  // the name once the earlier connection is gone.
+  EXPECT_EQ(keep->kept[0]->name(), keep->kept[1]->name());
+  EXPECT_EQ(keep->kept[0]->name().str().rfind("clientFd:", 0), 0u);
 
   Ptr<Quor::FileDescriptor> listener = handler->agentsockFd();
   handler->handleDeletion();

@@ -164,14 +164,6 @@ TEST_F(VellctlTest, RequestsAreLimitedTo1027Bytes) {
   EXPECT_NE(o.err.find("1027"), std::string::npos) << o.err;
 }
 
-TEST_F(VellctlTest, MissingAgentIsExitStatusTwo) {
-  std::string const missing = "vc" + std::to_string(::getpid()) + "-nobody";
-  Outcome const o = runVellctl({missing, "echo"});
-  EXPECT_EQ(o.status, 2);
-  EXPECT_EQ(o.out, "");
-  EXPECT_NE(o.err.find("no agent named '" + missing + "'"), std::string::npos) << o.err;
-}
-
 TEST_F(VellctlTest, ListShowsListeningAgentsWithTheirProcess) {
   ChildAgent agent;
   Outcome const o = runVellctl({"--list"});
@@ -180,8 +172,14 @@ TEST_F(VellctlTest, ListShowsListeningAgentsWithTheirProcess) {
   EXPECT_NE(o.out.find(line), std::string::npos) << o.out;
 }
 
-TEST_F(VellctlTest, UsageAndBadArguments) {
-  Outcome o = runVellctl({"--help"});
+TEST_F(VellctlTest, MissingAgentUsageAndBadArguments) {
+  std::string const missing = "vc" + std::to_string(::getpid()) + "-nobody";
+  Outcome o = runVellctl({missing, "echo"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_EQ(o.out, "");
+  EXPECT_NE(o.err.find("no agent named '" + missing + "'"), std::string::npos) << o.err;
+
+  o = runVellctl({"--help"});
   EXPECT_EQ(o.status, 0);
   EXPECT_EQ(o.out.rfind("Usage: vellctl", 0), 0u);
   for (auto const& bad : std::vector<std::vector<std::string>>{

@@ -19,6 +19,7 @@
 // connection is closed without a reply and AGENT_SOCKET_COMMAND_ERROR is logged.
 // agentSocketSendBufferForceAllowed() tells in advance.
 #pragma once
+#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <map>
@@ -88,6 +89,7 @@ class QUOR_API ClientSm : public Quor::Entity {
   class QuorClientFd;
   ClientSm(Quor::Name const& name, Quor::Ptr<Quor::FileDescriptor> const& fd, AgentSocketHandlerSm* handler);
   void handleDel() override;
+  void handlerGone();
   void serveCommand(AgentSocketHandlerSm& handler, int descriptor, char* request);
   void runCallback(AgentSocketHandlerSm& handler, unsigned descriptor, Quor::String8 const& word,
                    Quor::String8 const& args);
