@@ -47,7 +47,9 @@ class QUOR_API AgentSocketCallback : public Quor::Entity {
   /// blocking) and returns. The connection is closed afterwards by the handler, so the
   /// callback must not close it. SIGPIPE is ignored meanwhile: a client that hung up
   /// makes writes fail with EPIPE. `commandArgs` is the text after the first blank,
-  /// unchanged (empty without a blank). The base version writes nothing.
+  /// unchanged (empty without a blank); a zero byte in the request ends its text. An
+  /// exception thrown here is logged (AGENT_SOCKET_COMMAND_ERROR) and the connection
+  /// closed as usual. The base version writes nothing.
   virtual void handleCommand(unsigned int descriptor, Quor::String8 commandArgs);
 
  protected:
