@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include <Quor/Quor.h>
 
@@ -54,8 +55,12 @@ std::string sourceStem(char const* file) {
 }
 
 void assertFailed(char const* condition, char const* file, int line, char const* function) {
-  std::fprintf(stderr, "Assertion failed: %s [%s:%d] in %s\n", condition, sourceStem(file).c_str(), line,
-               function);
+  // The signature is the function's, not its declaration's: the compiler's "virtual "
+  // in front of an overriding member is dropped.
+  std::string_view fn(function ? function : "");
+  if (fn.starts_with("virtual ")) fn.remove_prefix(8);
+  std::fprintf(stderr, "Assertion failed: %s [%s:%d] in %.*s\n", condition, sourceStem(file).c_str(), line,
+               static_cast<int>(fn.size()), fn.data());
   std::fflush(stderr);
   std::abort();
 }

@@ -1,0 +1,224 @@
+// The demo agent: the library's blocks on one activity loop, looked into through the
+// command socket.
+//
+//   demo_agent [NAME]        listens as NAME (default "vell-demo") until `quit`,
+//                            SIGINT or SIGTERM
+//
+// Commands: `help` (the command words, one a line), `show` (the blocks that can be
+// shown), `show BLOCK` (its live figures), `quit` (replies, then ends the agent).
+//
+// A block joins the demo with one line in main(): demo.showIs("name", figures), where
+// figures() renders its live attributes. Nothing else needs to change.
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include <Quor/Quor.h>
+#include <Vell/AgentSocketHandler.h>
+
+namespace {
+
+using Reply = std::function<std::string(std::string const& args)>;
+using Figures = std::function<std::string()>;
+
+// Writes the whole reply; a client that hung up makes send fail, and the rest is dropped.
+void sendAll(unsigned descriptor, std::string const& text) {
+  char const* p = text.data();
+  std::size_t n = text.size();
+  while (n) {
+    ssize_t const w = ::send(static_cast<int>(descriptor), p, n, 0);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) return;
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+}
+
+// A command word served by a function that turns the argument text into the reply.
+class DemoCommand : public Vell::AgentSocketCallback {
+ public:
+  DemoCommand(Quor::String8 const& word, Reply reply, unsigned* served)
+      : AgentSocketCallback(Quor::Name("demo " + word.str()), word), reply_(std::move(reply)), served_(served) {}
+  void handleCommand(unsigned int descriptor, Quor::String8 commandArgs) override {
+    ++*served_;
+    sendAll(descriptor, reply_(commandArgs.str()));
+  }
+
+ private:
+  Reply reply_;
+  unsigned* served_;
+};
+
+// A clock reactor that ticks ten times a second, so that the loop has a clock at work.
+class Heartbeat : public Quor::Clock::NotifieeConst {
+ public:
+  void onTime() override {
+    ++beats_;
+    timeMinIs(Quor::now() + 0.1);
+  }
+  unsigned long beats() const { return beats_; }
+
+ private:
+  unsigned long beats_ = 0;
+};
+
+// SIGINT and SIGTERM arrive as a readable descriptor and stop the loop.
+class StopOnSignal : public Quor::FileDescriptor::NotifieeConst {
+ public:
+  explicit StopOnSignal(Quor::Ptr<Quor::ActivitySm> loop) : loop_(std::move(loop)) {}
+  void onReadableCount() override {
+    signalfd_siginfo info;
+    if (::read(notifier()->descriptor(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      std::printf("demo agent: %s, stopping\n", strsignal(static_cast<int>(info.ssi_signo)));
+      std::fflush(stdout);
+    }
+    loop_->stop();
+  }
+
+ private:
+  Quor::Ptr<Quor::ActivitySm> loop_;
+};
+
+class DemoAgent {
+ public:
+  DemoAgent(Quor::String8 const& name, Quor::Ptr<Quor::ActivitySm> loop)
+      : loop_(std::move(loop)), socket_(Vell::agentSocketHandlerSmFactory(name)) {
+    commandIs("help", [this](std::string const&) { return helpText(); });
+    commandIs("show", [this](std::string const& args) { return show(args); });
+    commandIs("quit", [this](std::string const&) {
+      loop_->stop();  // the loop ends once this command's connection is closed
+      return std::string("bye\n");
+    });
+  }
+
+  /// Adds a command word.
+  void commandIs(Quor::String8 const& word, Reply reply) {
+    socket_->agentSocketCallbackIs(new DemoCommand(word, std::move(reply), &served_));
+  }
+  /// Adds (or replaces) the figures `show <block>` prints.
+  void showIs(std::string const& block, Figures figures) { blocks_[block] = std::move(figures); }
+
+  Quor::Ptr<Vell::AgentSocketHandlerSm> const& socket() const { return socket_; }
+  unsigned served() const { return served_; }
+  Quor::Seconds uptime() const { return Quor::now() - started_; }
+
+ private:
+  std::string helpText() const {
+    std::string text;
+    for (auto it = socket_->agentSocketCallbackBegin(); it != socket_->agentSocketCallbackEnd(); ++it)
+      text += it->first.str() + "\n";
+    return text;
+  }
+
+  std::string show(std::string const& block) const {
+    auto it = blocks_.find(block);
+    if (it != blocks_.end()) return it->second();
+    std::string text = block.empty() ? "blocks:" : "no block '" + block + "'; blocks:";
+    for (auto const& [name, figures] : blocks_) text += " " + name;
+    return text + "\n";
+  }
+
+  Quor::Ptr<Quor::ActivitySm> loop_;
+  Quor::Ptr<Vell::AgentSocketHandlerSm> socket_;
+  std::map<std::string, Figures> blocks_;
+  unsigned served_ = 0;
+  Quor::Seconds started_ = Quor::now();
+};
+
+std::string figureLines(std::initializer_list<std::pair<char const*, std::string>> lines) {
+  std::string text;
+  for (auto const& [name, value] : lines) {
+    char line[160];
+    std::snprintf(line, sizeof line, "%-24s %s\n", name, value.c_str());
+    text += line;
+  }
+  return text;
+}
+
+std::string number(double v, char const* fmt = "%.0f") {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, fmt, v);
+  return buf;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 2 || (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h")))) {
+    std::fprintf(stderr, "Usage: demo_agent [NAME]   (default name: vell-demo)\n");
+    return argc == 2 ? 0 : 1;
+  }
+  std::string const name = argc == 2 ? argv[1] : "vell-demo";
+
+  if (!Vell::agentSocketSendBufferForceAllowed()) {
+    std::fprintf(stderr,
+                 "demo agent: this process lacks CAP_NET_ADMIN.\n"
+                 "  The command socket forces each connection's send buffer to 1 MiB\n"
+                 "  (SO_SNDBUFFORCE), which the kernel allows only with CAP_NET_ADMIN; without\n"
+                 "  it the agent would refuse every command, closing each connection without a\n"
+                 "  reply. Run as root, or grant the capability:\n"
+                 "    sudo setcap cap_net_admin+ep %s\n",
+                 argv[0]);
+    return 3;
+  }
+
+  // Signals become loop events: block them, then read them from a descriptor.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  ::sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  Quor::Ptr<Quor::ActivityConfig> const activity = Quor::defaultActivityConfig();
+  Quor::Ptr<Quor::ActivitySm> const loop = Quor::quorActivitySmFor(activity);
+
+  Quor::Ptr<Quor::FileDescriptor> signals = Quor::fileDescriptorFactory("demo signals", activity);
+  signals->descriptorIs(::signalfd(-1, &stopSignals, SFD_CLOEXEC));
+  Quor::Ptr<StopOnSignal> stopper = new StopOnSignal(loop);
+  stopper->notifierIs(signals);
+  signals->notifyOnReadableIs(true);
+
+  Quor::Ptr<Heartbeat> heartbeat = new Heartbeat;
+  heartbeat->notifierIs(Quor::clockFactory("demo heartbeat", activity));
+  heartbeat->timeMinIs(Quor::now() + 0.1);
+
+  DemoAgent demo(name, loop);
+
+  // One line per block that runs here.
+  demo.showIs("loop", [&] {
+    return figureLines({
+        {"armedClockReactors", number(static_cast<double>(loop->armedClockReactors()))},
+        {"descriptors", number(static_cast<double>(loop->descriptors()))},
+        {"uptimeSeconds", number(demo.uptime(), "%.3f")},
+        {"clockTicks", number(static_cast<double>(heartbeat->beats()))},
+        {"commandsServed", number(demo.served())},
+    });
+  });
+  demo.showIs("socket", [&] {
+    auto const& s = demo.socket();
+    return figureLines({
+        {"name", s->name().str()},
+        {"initialized", s->initialized() ? "1" : "0"},
+        {"listeningDescriptor", number(s->agentsockFd() ? s->agentsockFd()->descriptor() : -1)},
+        {"acceptReadyCount", number(s->agentsockFd() ? static_cast<double>(s->agentsockFd()->readableCount()) : 0)},
+        {"agentSocketCallbacks", number(s->agentSocketCallbacks())},
+        {"openClients", number(s->clients())},
+    });
+  });
+
+  std::printf("demo agent: listening as '%s' (abstract socket @s%s), pid %d\n", name.c_str(), name.c_str(),
+              static_cast<int>(::getpid()));
+  std::fflush(stdout);
+  loop->run();
+  std::printf("demo agent: stopped after %u commands\n", demo.served());
+  return 0;
+}
