@@ -272,6 +272,28 @@ TEST(BestFitAllocator, AgreesWithModelUnderRandomChurn) {
   }
 }
 
+// Tens of thousands of free runs: the run index grows several levels, then shrinks back
+// to a single run as every block goes, in random order.
+TEST(BestFitAllocator, ManyRunsGrowAndShrinkTheIndex) {
+  Harness h(40000, 3, 4, 7);
+  while (h.m.numFree() > 0) h.alloc(h.rnd(1, std::min<U32>(4, h.m.numFree())));
+  walk(*h.a, h.m);
+  std::shuffle(h.held.begin(), h.held.end(), h.rng);
+  for (std::size_t n = h.held.size() / 2, i = 0; i < n; ++i) h.drop(h.held.size() - 1);
+  walk(*h.a, h.m);
+  EXPECT_GT(h.a->freeBlkStartIndexToSzs(), 4000u);
+  for (int round = 0; round < 2000 && !testing::Test::HasFailure(); ++round) {
+    h.step();
+    if (round % 200 == 0) walk(*h.a, h.m);
+  }
+  for (std::size_t i = 0; !h.held.empty(); ++i) {
+    h.drop(h.held.size() - 1);
+    if (i % 2000 == 0) walk(*h.a, h.m);
+  }
+  walk(*h.a, h.m);
+  EXPECT_EQ(h.a->freeBlkStartIndexToSzs(), 1u);
+}
+
 // Fills the space with blocks of random sizes, then drops every short block and one in
 // dropOneIn of the others: many small gaps, so many moves overlap their source.
 void fragment(Harness& h, U32 dropOneIn, U32 shortSz) {
@@ -338,6 +360,7 @@ TEST(BestFitAllocator, ListedCases) {
   EXPECT_EQ(h.a->jumboFreeBlks(), 1u);
   EXPECT_TRUE(h.a->jumboFreeBlk(Vell::BFA::JumboFreeBlk(1000, 0)));
   EXPECT_EQ(h.a->numFreeEntries(), 1000u);
+  EXPECT_EQ(h.a->freeBlkStartIndexToSz(0xFFFFFFFF) + h.a->freeBlkEndIndexToSz(0xFFFFFFFF), 0u);
   // Best fit: the smallest run that holds the request, the low end of it.
   h.alloc(10);
   EXPECT_EQ(h.held[0]->startIndex(), 50u);

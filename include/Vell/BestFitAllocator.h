@@ -25,7 +25,7 @@
 #pragma once
 #include <set>
 #include <string>
-#include <unordered_set>
+#include <vector>
 
 #include <Quor/Quor.h>
 #include <Vell/ValueTypes.h>
@@ -60,7 +60,7 @@ class QUOR_API JumboFreeBlk {
 /// Spreads consecutive start indexes over the whole hash range: the index with its
 /// 32 bits reversed.
 struct QUOR_API BitReversedHash {
-  std::size_t operator()(U32 i) const {
+  U32 operator()(U32 i) const {
     i = ((i >> 1) & 0x55555555u) | ((i & 0x55555555u) << 1);
     i = ((i >> 2) & 0x33333333u) | ((i & 0x33333333u) << 2);
     i = ((i >> 4) & 0x0f0f0f0fu) | ((i & 0x0f0f0f0fu) << 4);
@@ -68,23 +68,153 @@ struct QUOR_API BitReversedHash {
     return (i >> 16) | (i << 16);
   }
 };
+struct QUOR_API IdentityHash {
+  U32 operator()(U32 i) const { return i; }
+};
+
+/// A hash table keyed by index, with open addressing: one probe sequence in one array,
+/// no node per member, so that a million members cost a million slots and a look-up
+/// is usually one cache line. 0xFFFFFFFF is not a valid key (no index reaches it).
+/// Kept between 1/8 and 1/2 full, so a walk from any slot meets a member within a few.
+template <class V, class H>
+class IndexTable {
+ public:
+  static constexpr U32 none = 0xFFFFFFFFu;
+  struct Slot {
+    U32 key = none;
+    [[no_unique_address]] V value{};
+  };
+  class IteratorConst {
+   public:
+    IteratorConst(Slot const* p, Slot const* end) : p_(p), end_(end) { skip(); }
+    Slot const& operator*() const { return *p_; }
+    IteratorConst& operator++() {
+      ++p_;
+      skip();
+      return *this;
+    }
+    bool operator==(IteratorConst const& o) const { return p_ == o.p_; }
+
+   private:
+    void skip() {
+      while (p_ != end_ && p_->key == none) ++p_;
+    }
+    Slot const* p_;
+    Slot const* end_;
+  };
+
+  IndexTable() { rehash(minSlots); }
+  U32 size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  IteratorConst begin() const { return IteratorConst(slots_.data(), slots_.data() + slots_.size()); }
+  IteratorConst end() const { return IteratorConst(slots_.data() + slots_.size(), slots_.data() + slots_.size()); }
+
+  V const* find(U32 k) const {
+    for (U32 i = home(k);; i = (i + 1) & mask_) {
+      if (slots_[i].key == k) return &slots_[i].value;
+      if (slots_[i].key == none) return nullptr;
+    }
+  }
+  bool contains(U32 k) const { return find(k) != nullptr; }
+  /// Starts loading k's home slot, for a look-up that comes a little later.
+  void prefetch(U32 k) const { __builtin_prefetch(&slots_[home(k)]); }
+  /// Inserts or replaces; returns the slot index.
+  U32 insert(U32 k, V const& v) {
+    if ((size_ + 1) * 2 > slots_.size()) rehash(U32(slots_.size() * 2));
+    U32 i = home(k);
+    while (slots_[i].key != none && slots_[i].key != k) i = (i + 1) & mask_;
+    size_ += slots_[i].key == none;
+    slots_[i] = Slot{k, v};
+    return i;
+  }
+  /// Returns false when k was absent.
+  bool erase(U32 k) {
+    U32 i = home(k);
+    while (slots_[i].key != k) {
+      if (slots_[i].key == none) return false;
+      i = (i + 1) & mask_;
+    }
+    // Backward shift: pull later members of the probe run into the hole, so that no
+    // tombstones are left behind.
+    for (U32 j = (i + 1) & mask_; slots_[j].key != none; j = (j + 1) & mask_) {
+      U32 const h = home(slots_[j].key);
+      if (((j - h) & mask_) >= ((j - i) & mask_)) {
+        slots_[i] = slots_[j];
+        i = j;
+      }
+    }
+    slots_[i].key = none;
+    --size_;
+    if (size_ * 8 < slots_.size() && slots_.size() > minSlots) rehash(U32(slots_.size() / 2));
+    return true;
+  }
+  /// The first key met walking the slots from slot `from`; precondition: not empty.
+  U32 firstFrom(U32 from) const {
+    for (U32 i = from & mask_;; i = (i + 1) & mask_)
+      if (slots_[i].key != none) return slots_[i].key;
+  }
+
+ private:
+  static constexpr U32 minSlots = 8;
+  U32 home(U32 k) const { return U32((U64(H()(k)) * 0x9E3779B97F4A7C15ull) >> shift_); }
+  void rehash(U32 n) {
+    std::vector<Slot> old(n);
+    old.swap(slots_);
+    mask_ = n - 1;
+    shift_ = 64 - static_cast<U32>(__builtin_ctz(n));
+    size_ = 0;
+    for (Slot const& s : old)
+      if (s.key != none) {
+        U32 i = home(s.key);
+        while (slots_[i].key != none) i = (i + 1) & mask_;
+        slots_[i] = s;
+        ++size_;
+      }
+  }
+  std::vector<Slot> slots_;
+  U32 size_ = 0;
+  U32 mask_ = 0;
+  U32 shift_ = 64;
+};
 
 /// The free runs of exactly blkSz entries (relative start indexes).
 class QUOR_API FreeBlkSet : public Quor::PtrInterface {
  public:
-  using Members = std::unordered_set<U32, BitReversedHash>;
+  struct Nothing {};
+  using Members = IndexTable<Nothing, BitReversedHash>;
 
   explicit FreeBlkSet(U32 blkSz) : blkSz_(blkSz) {}
   U32 blkSz() const { return blkSz_; }
   /// True when a free run of blkSz entries starts at startIndex.
-  bool freeBlk(U32 startIndex) const { return freeBlk_.count(startIndex) != 0; }
-  U32 freeBlks() const { return static_cast<U32>(freeBlk_.size()); }
-  Members::const_iterator begin() const { return freeBlk_.begin(); }
-  Members::const_iterator end() const { return freeBlk_.end(); }
+  bool freeBlk(U32 startIndex) const { return freeBlk_.contains(startIndex); }
+  U32 freeBlks() const { return freeBlk_.size(); }
+
+  class IteratorConst {
+   public:
+    explicit IteratorConst(Members::IteratorConst it) : it_(it) {}
+    U32 operator*() const { return (*it_).key; }
+    IteratorConst& operator++() {
+      ++it_;
+      return *this;
+    }
+    bool operator==(IteratorConst const& o) const { return it_ == o.it_; }
+
+   private:
+    Members::IteratorConst it_;
+  };
+  IteratorConst begin() const { return IteratorConst(freeBlk_.begin()); }
+  IteratorConst end() const { return IteratorConst(freeBlk_.end()); }
 
  private:
   friend class Vell::BestFitAllocator;
+  void freeBlkIs(U32 startIndex) { lastSlot_ = freeBlk_.insert(startIndex, Nothing{}); }
+  void freeBlkDel(U32 startIndex) { freeBlk_.erase(startIndex); }
+  /// The run that alloc takes: the most recently added one while it is still here (its
+  /// entries are the likeliest to be in cache), else the next one in slot order.
+  U32 pick() const { return freeBlk_.firstFrom(lastSlot_); }
+
   U32 blkSz_;
+  U32 lastSlot_ = 0;
   Members freeBlk_;
 };
 
@@ -276,12 +406,15 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
     for (auto const& j : jumboFreeBlk_) f(j);
   }
   /// The live block starting at an absolute index; null when none.
-  Quor::Ptr<BFA::Blk> inUseBlock(U32 startIndex) const { return inUseBlock_.member(startIndex); }
-  U32 inUseBlocks() const { return static_cast<U32>(inUseBlock_.members()); }
+  Quor::Ptr<BFA::Blk> inUseBlock(U32 startIndex) const {
+    BFA::Blk* const* b = inUseBlock_.find(startIndex);
+    return b ? *b : nullptr;
+  }
+  U32 inUseBlocks() const { return inUseBlock_.size(); }
   /// Calls f(Blk const&) for each live block, in no particular order.
   template <class F>
   void forEachInUseBlock(F&& f) const {
-    for (auto const& [start, blk] : inUseBlock_) f(*blk);
+    for (auto const& slot : inUseBlock_) f(*slot.value);
   }
 
  protected:
@@ -308,7 +441,7 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
   Quor::RbTreeMap<Quor::Ptr<BFA::FreeBlkSet>, U32> freeBlkSet_;
   RunIndex* runs_;  // free runs by start; the end view is derived from it
   std::set<BFA::JumboFreeBlk> jumboFreeBlk_;
-  Quor::HashMap<BFA::Blk*, U32> inUseBlock_;
+  BFA::IndexTable<BFA::Blk*, BFA::IdentityHash> inUseBlock_;
 };
 
 /// A new allocator over memSz entries from absolute index offset; blocks are at most
