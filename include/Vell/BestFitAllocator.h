@@ -8,9 +8,11 @@
 // Workload assumed: many live blocks (up to millions), sizes up to maxBlkSz that is small
 // next to memSz, alloc and free interleaved at high rates, and occasional compaction.
 // Free space is kept as maximal runs. Runs of at most maxBlkSz entries are indexed by
-// exact size, so best fit is a search over at most maxBlkSz sizes plus constant work;
-// longer ("jumbo") runs sit in a set ordered by size. Freeing finds both neighbours in
-// the index of runs by position.
+// exact size, so best fit is one search in an ordered map of sizes plus a hash probe;
+// longer ("jumbo") runs sit in a set ordered by size. All runs are also indexed by
+// position (a B+tree: a few cache lines per look-up at a million runs), where freeing
+// finds both neighbours with one descent. Live blocks are found by start in a flat hash
+// table. Nothing here is thread-safe: like every entity, one activity uses it.
 //
 // Indexes: block handles carry absolute indexes (relative + offset); every internal
 // collection and every trace uses relative ones.
@@ -72,10 +74,10 @@ struct QUOR_API IdentityHash {
   U32 operator()(U32 i) const { return i; }
 };
 
-/// A hash table keyed by index, with open addressing: one probe sequence in one array,
-/// no node per member, so that a million members cost a million slots and a look-up
-/// is usually one cache line. 0xFFFFFFFF is not a valid key (no index reaches it).
-/// Kept between 1/8 and 1/2 full, so a walk from any slot meets a member within a few.
+/// A hash table keyed by index, with open addressing: one array, no node per member, so
+/// a look-up is usually one cache line and a member costs a slot of 4 to 16 bytes.
+/// 0xFFFFFFFF is not a valid key (no index reaches it). Kept between 1/8 and 1/2 full,
+/// so a walk from any slot meets a member within a few.
 template <class V, class H>
 class IndexTable {
  public:
@@ -371,8 +373,11 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
   /// Throws Quor::RangeException when newSz + offset() would reach 0xFFFFFFFF.
   Quor::Ptr<BFA::PendingCmds> resizeMemory(U32 newSz);
   /// Slides every live block toward index 0 until all free space is one run at the
-  /// end. Returns the moves in the order they must be replayed; block handles already
-  /// carry their new startIndex. numFreeEntries() is unchanged.
+  /// end. Returns the moves in the order they must be replayed (ascending old address,
+  /// each block at most once, every move downward, so a low-to-high copy is safe even
+  /// when source and destination overlap); block handles already carry their new
+  /// startIndex. The queue's index space is the number of live blocks, so it can hold
+  /// every move. numFreeEntries() is unchanged.
   Quor::Ptr<BFA::PendingCmds> defragment();
 
   /// The only writers of the free-space collections; relative start indexes. Adding
