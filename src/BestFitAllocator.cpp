@@ -620,7 +620,7 @@ void BestFitAllocator::traceLayout(char const* freeTitle, char const* usedTitle)
   for (auto r = freeBlkStartIndexToSzIterator(); r; ++r)
     QUOR_TRACE(traceHandle, detail, "start index = " << r.key() << ", Size = " << r.value());
   QUOR_TRACE(traceHandle, detail, usedTitle);
-  std::vector<std::pair<U32, U32>> used;
+  std::vector<std::pair<U32, U32>> used;  // relative and by address, like the free runs
   for (auto const& slot : inUseBlock_) used.emplace_back(slot.key - offset(), slot.value->blkSz());
   std::sort(used.begin(), used.end());
   for (auto const& [start, sz] : used) QUOR_TRACE(traceHandle, detail, "start index = " << start << ", Size = " << sz);
