@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -81,30 +82,71 @@ class HashMap {
 };
 
 /// A queue in insertion order whose members also hold a small integer index, drawn
-/// from a bounded space (freed indices are reused, lowest first).
+/// from a bounded space (freed indices are reused, lowest first). Slots are made as
+/// indices are first used, so a large space costs nothing until it fills; taking an
+/// index is logarithmic in the number of freed ones.
 template <class V>
 class LinkQueue {
  public:
-  explicit LinkQueue(U32 indexSpace = 1024) : slots_(indexSpace) {}
+  explicit LinkQueue(U32 indexSpace = 1024) : space_(indexSpace) {}
+
+  U32 indexSpace() const { return space_; }
 
   /// Appends v; returns its index. Throws "linkqueue index space full".
   U32 pushBack(V const& v) {
-    auto it = std::find_if(slots_.begin(), slots_.end(), [](Slot const& s) { return !s.used; });
-    if (it == slots_.end()) throwRangeException("linkqueue index space full");
-    U32 const index = static_cast<U32>(it - slots_.begin());
-    *it = Slot{true, v};
+    U32 index;
+    if (!holes_.empty()) {
+      index = *holes_.begin();
+      holes_.erase(holes_.begin());
+    } else if (slots_.size() < space_) {
+      index = static_cast<U32>(slots_.size());
+      slots_.emplace_back();
+    } else {
+      throwRangeException("linkqueue index space full");
+    }
+    slots_[index] = Slot{true, v};
     order_.push_back(index);
     return index;
+  }
+  /// Appends v under the chosen index. Throws "linkqueue index out of range" when the
+  /// index is outside the space and "linkqueue index in use" when it holds a member.
+  void pushBackAt(U32 index, V const& v) {
+    if (index >= space_) throwRangeException("linkqueue index out of range");
+    if (index < slots_.size()) {
+      if (slots_[index].used) throwRangeException("linkqueue index in use");
+      holes_.erase(index);
+    } else {
+      for (U32 i = static_cast<U32>(slots_.size()); i < index; ++i) holes_.insert(holes_.end(), i);
+      slots_.resize(static_cast<std::size_t>(index) + 1);
+    }
+    slots_[index] = Slot{true, v};
+    order_.push_back(index);
   }
   V const& at(U32 index) const {
     check(index);
     return slots_[index].value;
   }
+  /// Replaces the value of the member at index, keeping its place in the queue.
+  void valueIs(U32 index, V const& v) {
+    check(index);
+    slots_[index].value = v;
+  }
+  bool contains(U32 index) const { return index < slots_.size() && slots_[index].used; }
   /// Removes the member at index. Throws "linkqueue index out of range".
   void remove(U32 index) {
     check(index);
     slots_[index] = Slot{};
-    order_.erase(std::find(order_.begin(), order_.end(), index));
+    if (order_.front() == index) {
+      order_.pop_front();
+    } else {
+      order_.erase(std::find(order_.begin(), order_.end(), index));
+    }
+    holes_.insert(index);
+    // Give back trailing unused slots so a drained queue holds no memory.
+    while (!slots_.empty() && !slots_.back().used) {
+      holes_.erase(static_cast<U32>(slots_.size() - 1));
+      slots_.pop_back();
+    }
   }
   bool empty() const { return order_.empty(); }
   std::size_t members() const { return order_.size(); }
@@ -119,7 +161,7 @@ class LinkQueue {
   template <class F>
   void forEach(F&& f) const {
     for (U32 i : std::vector<U32>(order_.begin(), order_.end()))
-      if (slots_[i].used) f(i, slots_[i].value);
+      if (i < slots_.size() && slots_[i].used) f(i, slots_[i].value);
   }
 
  private:
@@ -130,7 +172,9 @@ class LinkQueue {
   void check(U32 index) const {
     if (index >= slots_.size() || !slots_[index].used) throwRangeException("linkqueue index out of range");
   }
+  U32 space_;
   std::vector<Slot> slots_;
+  std::set<U32> holes_;  // unused indices below slots_.size()
   std::deque<U32> order_;
 };
 

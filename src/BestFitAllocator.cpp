@@ -1,0 +1,669 @@
+// Best-fit allocator of contiguous index ranges, with defragmentation.
+#include <Vell/BestFitAllocator.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <vector>
+
+namespace Vell {
+
+namespace {
+
+Quor::TraceHandle traceHandle("BestFitAllocator");
+// Every trace of the allocator is detail: alloc and free sit on callers' fast paths.
+constexpr int detail = 7;
+
+}  // namespace
+
+// ---- the index of free runs by position -------------------------------------------
+
+/// Free runs keyed by relative start, valued by size. Runs never overlap, so ordering
+/// by start is also ordering by last index: the "by end" view is answered from the same
+/// index (the run at or before an index, and whether it ends there), and the two views
+/// can never disagree.
+///
+/// A B+tree with small nodes: a look-up reads a few cache lines per level and the upper
+/// levels stay in cache, where a binary tree would miss on most of its twenty levels at
+/// a million runs. The neighbours of a position sit in the same leaf, and the last
+/// path taken is kept, so the several look-ups of one free or alloc descend once.
+class BestFitAllocator::RunIndex {
+ public:
+  struct Run {
+    U32 start;
+    U32 sz;  // 0: no run
+  };
+
+  RunIndex() : root_(new Leaf) {}
+  ~RunIndex() { destroy(root_, inners_); }
+  RunIndex(RunIndex const&) = delete;
+  RunIndex& operator=(RunIndex const&) = delete;
+
+  U32 size() const { return size_; }
+  U32 find(U32 start) const {
+    Leaf const* l = descend(start);
+    U32 const i = lowerBound(l->key, start);
+    return i < l->n && l->key[i] == start ? l->sz[i] : 0;
+  }
+  /// The run with the greatest start <= k.
+  Run atOrBefore(U32 k) const {
+    k = std::min(k, none - 1);  // no run starts at `none`, and pads must not count
+    Leaf const* l = descend(k);
+    U32 const i = upperBound(l->key, k);
+    if (i > 0) return Run{l->key[i - 1], l->sz[i - 1]};
+    for (l = l->prev; l; l = l->prev)  // an underfull leaf may be empty
+      if (l->n) return Run{l->key[l->n - 1], l->sz[l->n - 1]};
+    return Run{0, 0};
+  }
+  /// The run with the least start > k.
+  Run after(U32 k) const {
+    if (k >= none - 1) return Run{0, 0};
+    Leaf const* l = descend(k);
+    U32 const i = upperBound(l->key, k);
+    if (i < l->n) return Run{l->key[i], l->sz[i]};
+    for (l = l->next; l; l = l->next)
+      if (l->n) return Run{l->key[0], l->sz[0]};
+    return Run{0, 0};
+  }
+  Run first() const {
+    for (Leaf const* l = first_; l; l = l->next)
+      if (l->n) return Run{l->key[0], l->sz[0]};
+    return Run{0, 0};
+  }
+  /// Adds a run; precondition: none starts at start.
+  void insert(U32 start, U32 sz) {
+    Leaf* l = descend(start);
+    U32 const i = lowerBound(l->key, start);
+    ++size_;
+    if (l->n < cap) {
+      shiftUp(l->key, l->n, i, start);
+      shiftUp(l->sz, l->n, i, sz);
+      ++l->n;
+      return;
+    }
+    // Split the full leaf: the lower half stays, the upper half moves to a new one.
+    U32 key[cap + 1];
+    U32 val[cap + 1];
+    std::copy(l->key, l->key + cap, key);
+    std::copy(l->sz, l->sz + cap, val);
+    shiftUp(key, cap, i, start);
+    shiftUp(val, cap, i, sz);
+    U32 const half = (cap + 1) / 2;
+    Leaf* r = new Leaf;
+    l->n = half;
+    r->n = cap + 1 - half;
+    std::copy(key, key + half, l->key);
+    std::fill(l->key + half, l->key + cap, none);
+    std::copy(val, val + half, l->sz);
+    std::copy(key + half, key + cap + 1, r->key);
+    std::copy(val + half, val + cap + 1, r->sz);
+    r->next = l->next;
+    r->prev = l;
+    if (r->next) r->next->prev = r;
+    l->next = r;
+    ++version_;
+    insertUp(int(inners_) - 1, r->key[0], r);
+  }
+  /// Removes the run starting at start; returns its size, 0 when there was none.
+  U32 erase(U32 start) {
+    Leaf* l = descend(start);
+    U32 const i = lowerBound(l->key, start);
+    if (i == l->n || l->key[i] != start) return 0;
+    U32 const sz = l->sz[i];
+    std::copy(l->key + i + 1, l->key + l->n, l->key + i);
+    std::copy(l->sz + i + 1, l->sz + l->n, l->sz + i);
+    l->key[--l->n] = none;
+    --size_;
+    if (inners_ > 0 && l->n < cap / 4) rebalance(int(inners_) - 1, l);
+    return sz;
+  }
+
+ private:
+  static constexpr U32 cap = 32;      // entries per node: a leaf's keys fill two cache lines
+  static constexpr U32 maxDepth = 8;  // inner levels; 32^7 leaves is far beyond 2^32 runs
+  static constexpr U32 none = 0xFFFFFFFFu;  // pads unused keys: above every relative index
+
+  // Unused keys hold `none`, so searches run over the whole fixed-size array without a
+  // branch per key, and the compiler turns them into a few vector compares.
+  struct Leaf {
+    U32 n = 0;
+    Leaf* prev = nullptr;
+    Leaf* next = nullptr;
+    U32 key[cap];
+    U32 sz[cap];
+    Leaf() { std::fill(key, key + cap, none); }
+  };
+  // child[i] holds the keys in [key[i-1], key[i]); n children, n-1 keys.
+  struct Inner {
+    U32 n = 0;
+    U32 key[cap];
+    void* child[cap];
+    Inner() { std::fill(key, key + cap, none); }
+  };
+  struct Step {
+    Inner* node;
+    U32 idx;
+  };
+
+  /// The number of keys below k (the first position >= k) and at most k.
+  static U32 lowerBound(U32 const* a, U32 k) {
+    U32 c = 0;
+    for (U32 i = 0; i < cap; ++i) c += a[i] < k;
+    return c;
+  }
+  static U32 upperBound(U32 const* a, U32 k) {
+    U32 c = 0;
+    for (U32 i = 0; i < cap; ++i) c += a[i] <= k;
+    return c;
+  }
+  template <class T>
+  static void shiftUp(T* a, U32 n, U32 i, T v) {
+    std::copy_backward(a + i, a + n, a + n + 1);
+    a[i] = v;
+  }
+
+  /// The leaf whose key range holds k, with the path to it in path_. The last path is
+  /// reused while no node was split or merged and k routes to the same leaf: the
+  /// look-ups of one operation are all near one position.
+  Leaf* descend(U32 k) const {
+    if (cachedVersion_ == version_ && k >= cachedLo_ && k < cachedHi_) return cached_;
+    void* node = root_;
+    U64 lo = 0;
+    U64 hi = U64(1) << 32;
+    for (U32 d = 0; d < inners_; ++d) {
+      Inner* in = static_cast<Inner*>(node);
+      U32 const i = upperBound(in->key, k);
+      if (i > 0) lo = in->key[i - 1];
+      if (i + 1 < in->n) hi = in->key[i];
+      path_[d] = Step{in, i};
+      node = in->child[i];
+    }
+    cached_ = static_cast<Leaf*>(node);
+    cachedLo_ = lo;
+    cachedHi_ = hi;
+    cachedVersion_ = version_;
+    return cached_;
+  }
+
+  /// Adds child (whose keys start at key) right of path_[d]'s child; splits upward.
+  void insertUp(int d, U32 key, void* child) {
+    if (d < 0) {  // a new root above the old one
+      Inner* root = new Inner;
+      root->n = 2;
+      root->key[0] = key;
+      root->child[0] = root_;
+      root->child[1] = child;
+      root_ = root;
+      ++inners_;
+      QUOR_ASSERT(inners_ < maxDepth);
+      return;
+    }
+    Inner* in = path_[d].node;
+    U32 const at = path_[d].idx + 1;  // the new child's place
+    if (in->n < cap) {
+      shiftUp(in->key, in->n - 1, at - 1, key);
+      shiftUp(in->child, in->n, at, child);
+      ++in->n;
+      return;
+    }
+    U32 keys[cap];
+    void* children[cap + 1];
+    std::copy(in->key, in->key + cap - 1, keys);
+    std::copy(in->child, in->child + cap, children);
+    shiftUp(keys, cap - 1, at - 1, key);
+    shiftUp(children, cap, at, child);
+    // cap + 1 children: the left keeps `half`, the key between the halves goes up.
+    U32 const half = (cap + 1) / 2;
+    Inner* r = new Inner;
+    in->n = half;
+    r->n = cap + 1 - half;
+    std::copy(keys, keys + half - 1, in->key);
+    std::fill(in->key + half - 1, in->key + cap, none);
+    std::copy(children, children + half, in->child);
+    std::copy(keys + half, keys + cap, r->key);
+    std::copy(children + half, children + cap + 1, r->child);
+    insertUp(d - 1, keys[half - 1], r);
+  }
+
+  /// After an erase left `node` (a child of path_[d]) sparse: merges it with a sibling
+  /// when the two fit in three quarters of a node, so that splits and merges cannot
+  /// chase each other on the same boundary. An empty leaf always goes.
+  void rebalance(int d, void* node) {
+    Inner* parent = path_[d].node;
+    U32 const idx = path_[d].idx;
+    if (parent->n < 2) return;
+    U32 const li = idx + 1 < parent->n ? idx : idx - 1;  // merge children li and li + 1
+    if (U32(d) == inners_ - 1) {
+      Leaf* l = static_cast<Leaf*>(parent->child[li]);
+      Leaf* r = static_cast<Leaf*>(parent->child[li + 1]);
+      if (static_cast<Leaf*>(node)->n != 0 && l->n + r->n > cap * 3 / 4) return;
+      std::copy(r->key, r->key + r->n, l->key + l->n);
+      std::copy(r->sz, r->sz + r->n, l->sz + l->n);
+      l->n += r->n;
+      l->next = r->next;
+      if (l->next) l->next->prev = l;
+      delete r;
+    } else {
+      Inner* l = static_cast<Inner*>(parent->child[li]);
+      Inner* r = static_cast<Inner*>(parent->child[li + 1]);
+      if (l->n + r->n > cap * 3 / 4) return;
+      l->key[l->n - 1] = parent->key[li];  // the separator comes down between them
+      std::copy(r->key, r->key + r->n - 1, l->key + l->n);
+      std::copy(r->child, r->child + r->n, l->child + l->n);
+      l->n += r->n;
+      delete r;
+    }
+    ++version_;
+    // Drop child li + 1 and the key left of it from the parent.
+    std::copy(parent->key + li + 1, parent->key + parent->n - 1, parent->key + li);
+    parent->key[parent->n - 2] = none;
+    std::copy(parent->child + li + 2, parent->child + parent->n, parent->child + li + 1);
+    --parent->n;
+    if (d == 0) {
+      if (parent->n == 1) {  // the root has one child left: it becomes the root
+        root_ = parent->child[0];
+        delete parent;
+        --inners_;
+      }
+    } else if (parent->n < cap / 4) {
+      rebalance(d - 1, parent);
+    }
+  }
+
+  void destroy(void* node, U32 levels) {
+    if (levels > 0) {
+      Inner* in = static_cast<Inner*>(node);
+      for (U32 i = 0; i < in->n; ++i) destroy(in->child[i], levels - 1);
+      delete in;
+    } else {
+      delete static_cast<Leaf*>(node);
+    }
+  }
+
+  void* root_;
+  U32 inners_ = 0;  // levels of inner nodes above the leaves
+  U32 size_ = 0;
+  Leaf* first_ = static_cast<Leaf*>(root_);  // the leftmost leaf is never merged away
+  U64 version_ = 1;                          // counts splits and merges
+  mutable Leaf* cached_ = nullptr;
+  mutable U64 cachedVersion_ = 0;
+  mutable U64 cachedLo_ = 0;
+  mutable U64 cachedHi_ = 0;
+  mutable Step path_[maxDepth];
+};
+
+BestFitAllocator::FreeRunIteratorConst& BestFitAllocator::FreeRunIteratorConst::operator++() {
+  if (sz_) {
+    RunIndex::Run const r = runs_->after(start_);
+    start_ = r.start;
+    sz_ = r.sz;
+  }
+  return *this;
+}
+
+U32 BestFitAllocator::freeBlkStartIndexToSz(U32 startIndex) const { return runs_->find(startIndex); }
+
+U32 BestFitAllocator::freeBlkEndIndexToSz(U32 endIndex) const {
+  RunIndex::Run const r = runs_->atOrBefore(endIndex);
+  return r.sz && r.start + r.sz - 1 == endIndex ? r.sz : 0;
+}
+
+U32 BestFitAllocator::freeBlkStartIndexToSzs() const { return runs_->size(); }
+
+BestFitAllocator::FreeRunIteratorConst BestFitAllocator::freeBlkStartIndexToSzIterator() const {
+  RunIndex::Run const r = runs_->first();
+  return FreeRunIteratorConst(runs_, r.start, r.sz, false);
+}
+
+BestFitAllocator::FreeRunIteratorConst BestFitAllocator::freeBlkEndIndexToSzIterator() const {
+  RunIndex::Run const r = runs_->first();
+  return FreeRunIteratorConst(runs_, r.start, r.sz, true);
+}
+
+Quor::Ptr<BFA::FreeBlkSet const> BestFitAllocator::freeBlkSet(U32 blkSz) const {
+  return freeBlkSet_.member(blkSz);
+}
+
+// ---- blocks -----------------------------------------------------------------------
+
+namespace BFA {
+
+Blk::Blk(U32 blkSz, BestFitAllocator* allocator) : blkSz_(blkSz), allocator_(allocator) {
+  if (allocator_) allocator_->newRef();
+}
+
+Blk::~Blk() {
+  if (allocator_) allocator_->deleteRef();
+}
+
+Quor::Ptr<BestFitAllocator> Blk::allocator() const { return allocator_; }
+
+void Blk::handleDel() {
+  if (allocator_) allocator_->handleFree(this);
+}
+
+namespace {
+// The text of a block: its size and where it is (the allocator is not part of it).
+struct BlkText {
+  U32 blkSz_ = 0;
+  U32 startIndex_ = 0;
+  QUOR_VALUE_TYPE(BlkText, "Vell::BFA::Blk", QUOR_FIELD(BlkText, blkSz), QUOR_FIELD(BlkText, startIndex))
+};
+}  // namespace
+
+void Blk::quorWritePtr(std::string& out, Blk const* blk) {
+  if (!blk) {
+    out += "None";
+    return;
+  }
+  Quor::writeValue(out, BlkText{blk->blkSz_, blk->startIndex_});
+}
+
+Quor::Ptr<Blk> Blk::quorParsePtr(Quor::StrepIt& it, Quor::StrepIt end) {
+  Quor::StrepIt p = it;
+  Quor::skipBlanks(p, end);
+  if (end - p >= 4 && std::equal(p, p + 4, "None")) {
+    it = p + 4;
+    return nullptr;
+  }
+  BlkText t;
+  Quor::parseValue(it, end, t);
+  // A block read from text describes a range; it belongs to no allocator.
+  Quor::Ptr<Blk> b(new Blk(t.blkSz_, nullptr));
+  b->startIndex_ = t.startIndex_;
+  return b;
+}
+
+PendingCmd PendingCmds::pendingCmdLogDeq() {
+  if (pendingCmdLog_.empty()) Quor::throwRangeException("linkqueue index out of range");
+  return pendingCmdLog_.popFront();
+}
+
+void PendingCmds::pendingCmdLogIs(U32 i, PendingCmd const& cmd) {
+  if (pendingCmdLog_.contains(i)) {
+    pendingCmdLog_.valueIs(i, cmd);
+  } else {
+    pendingCmdLog_.pushBackAt(i, cmd);
+  }
+}
+
+Quor::Ptr<PendingCmds> pendingCmdsFactory(U32 indexSpace) { return Quor::Ptr<PendingCmds>(new PendingCmds(indexSpace)); }
+
+}  // namespace BFA
+
+// ---- the allocator ------------------------------------------------------------------
+
+BestFitAllocator::BestFitAllocator(Quor::Name const& name, U32 memSz, U32 offset, U32 maxBlkSz)
+    : Entity(name), memSz_(memSz), offset_(offset), maxBlkSz_(maxBlkSz), runs_(new RunIndex) {}
+
+BestFitAllocator::~BestFitAllocator() { delete runs_; }
+
+Quor::Ptr<BestFitAllocator> bestFitAllocatorFactory(Quor::Name const& name, U32 memSz, U32 offset, U32 maxBlkSz) {
+  Quor::Ptr<BestFitAllocator> a = Quor::makeEntity<BestFitAllocator>(name, memSz, offset, maxBlkSz);
+  a->handleInitialized();
+  return a;
+}
+
+void BestFitAllocator::handleInitialized() {
+  Entity::handleInitialized();
+  QUOR_ASSERT(memSz());
+  QUOR_TRACE(traceHandle, detail,
+             "memSz = " << memSz() << ", offset = " << offset() << ", maxBlkSz = " << maxBlkSz());
+  // Summed in 64 bits: a space whose absolute indexes wrap past 2^32 is refused, not
+  // let through by a wrapped sum.
+  QUOR_ASSERT_TEXT(U64(memSz()) + offset() < 0xFFFFFFFF, "( memSz() + offset() ) < 0xFFFFFFFF");
+  QUOR_ASSERT(maxBlkSz());
+  QUOR_ASSERT(maxBlkSz() < memSz());
+  doAddFreeBlk(memSz(), 0);
+  numFreeEntries_ = memSz();
+  QUOR_TRACE(traceHandle, detail,
+             "Initialized allocator: memSz " << memSz() << " offset " << offset() << " maxBlkSz " << maxBlkSz());
+}
+
+void BestFitAllocator::numFreeEntriesInc(U32 n) {
+  numFreeEntries_ += n;
+  QUOR_TRACE(traceHandle, detail, "numFreeEntries increased by " << n << ", now = " << numFreeEntries_);
+}
+
+void BestFitAllocator::numFreeEntriesDec(U32 n) {
+  numFreeEntries_ -= n;
+  QUOR_TRACE(traceHandle, detail, "numFreeEntries decreased by " << n << ", now = " << numFreeEntries_);
+}
+
+void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
+  QUOR_TRACE(traceHandle, detail, "Adding free blk: sz " << blkSz << ", index " << startIndex);
+  if (!blkSz) return;
+  if (startIndex > 0) {
+    if (U32 const s = freeBlkEndIndexToSz(startIndex - 1)) {
+      startIndex -= s;
+      doRemoveFreeBlk(s, startIndex);
+      blkSz += s;
+    }
+  }
+  U32 const end = startIndex + blkSz;
+  if (end < memSz()) {
+    if (U32 const s = freeBlkStartIndexToSz(end)) {
+      doRemoveFreeBlk(s, end);
+      blkSz += s;
+    }
+  }
+  if (blkSz <= maxBlkSz()) {
+    Quor::Ptr<BFA::FreeBlkSet>* set = freeBlkSet_.memberPtr(blkSz);
+    if (!set) {
+      QUOR_TRACE(traceHandle, detail, "Creating freeBlkSet for blkSz = " << blkSz);
+      freeBlkSet_.memberIs(blkSz, Quor::Ptr<BFA::FreeBlkSet>(new BFA::FreeBlkSet(blkSz)));
+      set = freeBlkSet_.memberPtr(blkSz);
+    }
+    QUOR_ASSERT_TEXT(!(*set)->freeBlk(startIndex), "!freeBlkSet( blkSz )->freeBlk( startIndex )");
+    (*set)->freeBlkIs(startIndex);
+  } else {
+    // The rest of the shortest jumbo run after an alloc is again the shortest: the hint
+    // puts it in place without a walk.
+    BFA::JumboFreeBlk const jumbo(blkSz, startIndex);
+    std::size_t const before = jumboFreeBlk_.size();
+    if (jumboFreeBlk_.empty() || jumbo < *jumboFreeBlk_.begin()) {
+      jumboFreeBlk_.emplace_hint(jumboFreeBlk_.begin(), jumbo);
+    } else {
+      jumboFreeBlk_.insert(jumbo);
+    }
+    QUOR_ASSERT_TEXT(jumboFreeBlk_.size() > before, "!jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )");
+  }
+  QUOR_ASSERT_TEXT(freeBlkStartIndexToSz(startIndex) == 0, "freeBlkStartIndexToSz( startIndex ) == 0");
+  QUOR_ASSERT_TEXT(freeBlkEndIndexToSz(startIndex + blkSz - 1) == 0,
+                   "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) == 0");
+  runs_->insert(startIndex, blkSz);
+}
+
+void BestFitAllocator::doRemoveFreeBlk(U32 blkSz, U32 startIndex) {
+  QUOR_TRACE(traceHandle, detail, "Removing free blk: sz " << blkSz << ", index " << startIndex);
+  if (blkSz <= maxBlkSz()) {
+    Quor::Ptr<BFA::FreeBlkSet>* set = freeBlkSet_.memberPtr(blkSz);
+    QUOR_ASSERT_TEXT(set, "freeBlkSet( blkSz )");
+    QUOR_ASSERT_TEXT((*set)->freeBlk(startIndex), "freeBlkSet( blkSz )->freeBlk( startIndex )");
+    (*set)->freeBlkDel(startIndex);
+    if ((*set)->freeBlks() == 0) {
+      QUOR_TRACE(traceHandle, detail, "Deleting freeBlkSet for blkSz = " << blkSz);
+      freeBlkSet_.memberDel(blkSz);
+    }
+  } else {
+    BFA::JumboFreeBlk const jumbo(blkSz, startIndex);
+    bool removed;
+    if (!jumboFreeBlk_.empty() && *jumboFreeBlk_.begin() == jumbo) {  // alloc takes the shortest
+      jumboFreeBlk_.erase(jumboFreeBlk_.begin());
+      removed = true;
+    } else {
+      removed = jumboFreeBlk_.erase(jumbo) != 0;
+    }
+    QUOR_ASSERT_TEXT(removed, "jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )");
+  }
+  // One look-up answers both views: a run starts here, and it ends where blkSz says.
+  U32 const sz = runs_->erase(startIndex);
+  QUOR_ASSERT_TEXT(sz > 0, "freeBlkStartIndexToSz( startIndex ) > 0");
+  QUOR_ASSERT_TEXT(sz == blkSz, "freeBlkEndIndexToSz( startIndex + blkSz - 1 ) > 0");
+}
+
+Quor::Ptr<BFA::Blk> BestFitAllocator::newBlk(U32 blkSz, U32 relStart) {
+  Quor::Ptr<BFA::Blk> b(new BFA::Blk(blkSz, this));
+  b->startIndex_ = relStart + offset();
+  inUseBlock_.insert(b->startIndex_, b.ptr());
+  return b;
+}
+
+Quor::Ptr<BFA::Blk> BestFitAllocator::alloc(U32 blkSz) {
+  QUOR_TRACE(traceHandle, detail, "Alloc: blkSz " << blkSz);
+  QUOR_ASSERT(blkSz);
+  QUOR_ASSERT(blkSz <= maxBlkSz());
+  U32 sz;
+  U32 start;
+  auto const fit = freeBlkSet_.raw().lower_bound(blkSz);
+  if (fit != freeBlkSet_.raw().end()) {
+    sz = fit->first;
+    start = fit->second->pick();
+  } else if (!jumboFreeBlk_.empty()) {
+    // The shortest jumbo run, so the fallback is best fit too.
+    sz = jumboFreeBlk_.begin()->blkSz();
+    start = jumboFreeBlk_.begin()->startIndex();
+  } else {
+    QUOR_TRACE(traceHandle, detail, "Alloc: blkSz " << blkSz << ", no free blk available");
+    return nullptr;
+  }
+  inUseBlock_.prefetch(start + offset());  // for newBlk, after the free runs are updated
+  doRemoveFreeBlk(sz, start);
+  if (sz > blkSz) doAddFreeBlk(sz - blkSz, start + blkSz);
+  QUOR_TRACE(traceHandle, detail, "Alloc: blkSz " << blkSz << ", startIndex " << start);
+  numFreeEntriesDec(blkSz);
+  return newBlk(blkSz, start);
+}
+
+Quor::Ptr<BFA::Blk> BestFitAllocator::realloc(U32 startIndex, U32 blkSz) {
+  startIndex -= offset();  // relative from here on
+  QUOR_TRACE(traceHandle, detail,
+             "Realloc: startIndex " << startIndex << ", blkSz " << blkSz << ", memSz " << memSz());
+  QUOR_ASSERT(blkSz);
+  QUOR_ASSERT(blkSz <= maxBlkSz());
+  // In 64 bits, so that a start below offset() or near 2^32 cannot wrap into range.
+  QUOR_ASSERT_TEXT(U64(startIndex) + blkSz <= memSz(), "startIndex + blkSz <= memSz()");
+  // The free run with the least last index >= startIndex: the one holding startIndex,
+  // or else the first one after it.
+  RunIndex::Run run = runs_->atOrBefore(startIndex);
+  if (!run.sz || run.start + run.sz - 1 < startIndex) run = runs_->after(startIndex);
+  if (!run.sz) {
+    QUOR_TRACE(traceHandle, detail, "No free blocks after startIndex");
+    return nullptr;
+  }
+  U32 const first = run.start;
+  U32 const last = run.start + run.sz - 1;
+  if (startIndex < first || startIndex + blkSz - 1 > last) {
+    QUOR_TRACE(traceHandle, detail, "Not all the required entries are free.");
+    return nullptr;
+  }
+  doRemoveFreeBlk(run.sz, first);
+  if (startIndex != first) {
+    QUOR_TRACE(traceHandle, detail, "Adding a free block up till startIndex.");
+    doAddFreeBlk(startIndex - first, first);
+  }
+  if (startIndex + blkSz - 1 != last) {
+    QUOR_TRACE(traceHandle, detail, "Adding a free block after new realloced block ends.");
+    doAddFreeBlk(last - startIndex - blkSz + 1, startIndex + blkSz);
+  }
+  QUOR_TRACE(traceHandle, detail, "Realloc: blkSz " << blkSz << ", startIndex " << startIndex);
+  numFreeEntriesDec(blkSz);
+  return newBlk(blkSz, startIndex);
+}
+
+void BestFitAllocator::handleFree(BFA::Blk* blk) {
+  U32 const startIndex = blk->startIndex() - offset();
+  U32 const blkSz = blk->blkSz();
+  QUOR_TRACE(traceHandle, detail, "Free: startIndex " << startIndex << ", blkSz " << blkSz);
+  QUOR_ASSERT(blkSz);
+  // The block's entry is likely out of cache: load it while the free runs are merged.
+  inUseBlock_.prefetch(blk->startIndex());
+  doAddFreeBlk(blkSz, startIndex);
+  // Raw look-up: a Ptr to the dying block would count it back up and free it twice.
+  BFA::Blk* const* const registered = inUseBlock_.find(blk->startIndex());
+  QUOR_ASSERT(registered && *registered == blk);
+  inUseBlock_.erase(blk->startIndex());
+  numFreeEntriesInc(blkSz);
+}
+
+Quor::Ptr<BFA::PendingCmds> BestFitAllocator::resizeMemory(U32 newSz) {
+  QUOR_TRACE(traceHandle, detail, "Resize memory: old size = " << memSz() << ", new size = " << newSz);
+  // The same bound as at creation: no absolute index may reach 0xFFFFFFFF.
+  U32 const maxSz = 0xFFFFFFFEu - offset();
+  Quor::checkRange("BestFitAllocator", "memSz", newSz, 0u, "0", maxSz, Quor::format("%u", maxSz).charPtr());
+  Quor::Ptr<BFA::PendingCmds> result;
+  if (newSz > memSz()) {
+    U32 const grown = newSz - memSz();
+    doAddFreeBlk(grown, memSz());
+    memSz_ = newSz;
+    numFreeEntriesInc(grown);
+    return result;
+  }
+  if (newSz == memSz() || freeBlkStartIndexToSzs() == 0) return result;
+  U32 cut = memSz() - newSz;
+  U32 tail = freeBlkEndIndexToSz(memSz() - 1);
+  if (cut > tail) {
+    result = defragment();
+    tail = freeBlkEndIndexToSz(memSz() - 1);
+    cut = std::min(cut, tail);
+  }
+  doRemoveFreeBlk(tail, memSz() - tail);
+  if (cut < tail) doAddFreeBlk(tail - cut, memSz() - tail);
+  memSz_ -= cut;
+  numFreeEntriesDec(cut);
+  return result;
+}
+
+void BestFitAllocator::traceLayout(char const* freeTitle, char const* usedTitle) const {
+  if (!traceHandle.enabled(detail)) return;  // the walks below are for the trace only
+  QUOR_TRACE(traceHandle, detail, freeTitle);
+  for (auto r = freeBlkStartIndexToSzIterator(); r; ++r)
+    QUOR_TRACE(traceHandle, detail, "start index = " << r.key() << ", Size = " << r.value());
+  QUOR_TRACE(traceHandle, detail, usedTitle);
+  std::vector<std::pair<U32, U32>> used;  // relative and by address, like the free runs
+  for (auto const& slot : inUseBlock_) used.emplace_back(slot.key - offset(), slot.value->blkSz());
+  std::sort(used.begin(), used.end());
+  for (auto const& [start, sz] : used) QUOR_TRACE(traceHandle, detail, "start index = " << start << ", Size = " << sz);
+}
+
+Quor::Ptr<BFA::PendingCmds> BestFitAllocator::defragment() {
+  // Each block moves at most once, so the live blocks bound the number of commands.
+  Quor::Ptr<BFA::PendingCmds> result = BFA::pendingCmdsFactory(std::max<U32>(inUseBlocks(), 1));
+  traceLayout("Free blocks before defragmenting", "Used blocks before defragmenting");
+  if (freeBlkStartIndexToSzs() == 0) {
+    QUOR_TRACE(traceHandle, detail, "No free blocks. Returning.");
+    return result;
+  }
+  for (;;) {
+    if (freeBlkEndIndexToSzIterator().key() == memSz() - 1) break;  // one run, at the end
+    auto const freeBlk = freeBlkStartIndexToSzIterator();
+    QUOR_ASSERT(freeBlk);
+    U32 const first = freeBlk.key();
+    U32 const gap = freeBlk.value();
+    // Free runs are maximal, so a live block starts right behind the first one.
+    BFA::Blk* const* const found = inUseBlock_.find(first + gap + offset());
+    BFA::Blk* const i = found ? *found : nullptr;
+    QUOR_ASSERT(i);
+    U32 const len = i->blkSz();
+    U32 const oldIndex = i->startIndex();
+    doRemoveFreeBlk(gap, first);
+    doAddFreeBlk(len, first + gap);  // the block's old range, merged with what follows
+    inUseBlock_.erase(oldIndex);
+    inUseBlock_.insert(first + offset(), i);
+    if (len < gap) {
+      doAddFreeBlk(gap - len, first + len);
+    } else if (len > gap) {
+      // The freed run overlaps the block's new place by len - gap entries.
+      U32 const run = freeBlkStartIndexToSz(first + gap);
+      doRemoveFreeBlk(run, first + gap);
+      doAddFreeBlk(run - (len - gap), first + len);
+    }
+    result->pendingCmdLogEnq(BFA::PendingCmd(oldIndex, Quor::Ptr<BFA::Blk>(i)));
+    i->startIndex_ = first + offset();
+  }
+  QUOR_ASSERT(( freeBlkStartIndexToSzs() == 1 ) && ( freeBlkEndIndexToSzs() == 1 ) && ( freeBlkEndIndexToSzIterator().key() == memSz() - 1 ));
+  traceLayout("Free blocks after defragmenting", "Used blocks after defragmenting");
+  return result;
+}
+
+}  // namespace Vell
