@@ -306,7 +306,7 @@ void TimerWheel::newTimer(NotifieeConst* n) {
     currentWheelIndexTime_ = time_;
   }
   n->armSeq_ = nextArmSeq_++;
-  insertNotifiee(n, forwardTicks(n));
+  insertNotifiee(n, placementTicks(n, lagTicks()));
   if (!systemClockHandlerActive_) maybeUpdateSystemClock(n->bucketIndex_, n->wheelIndex_, true);
 }
 
@@ -328,6 +328,21 @@ U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
   U64 const ticks = (ms + tickMsecs_ - 1) / tickMsecs_;
   // Saturated rather than cut to the low 32 bits: a timer too far for 32 bits of ticks
   // must not come back as a near one. It is parked in the farthest slot instead.
+  return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
+}
+
+// Whole ticks by which the current slot lags the present: the loop was late, or firing
+// is catching up, and the pull-up may not pass a slot that is still due.
+U64 TimerWheel::lagTicks() const {
+  if (!(time_ > currentWheelIndexTime_)) return 0;
+  return roundedMsecs(time_ - currentWheelIndexTime_) / tickMsecs_;
+}
+
+// Slots from the current one: the distance from the present plus the lag, so that a
+// timer placed while the wheel catches up is not fired early by the backlog. Without a
+// lag this is forwardTicks() itself.
+U32 TimerWheel::placementTicks(NotifieeConst const* n, U64 lag) const {
+  U64 const ticks = forwardTicks(n) + lag;
   return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
 }
 
@@ -494,14 +509,17 @@ void TimerWheel::handleSystemClock() {
       return;
     }
     maybePullUpWheelTime(Quor::now());
-    if (buckets_[0].current == ghostTimerIndex()) rearrangeTimers();
+    if (buckets_[0].current == ghostTimerIndex()) {
+      rearrangeTimers();
+      served = InvalidWheelIndex;  // slot 0 now stands for a new turn, cascaded timers in it are due
+    }
     U32 next = findNextUsedIndex(buckets_[0].current);
     if (next == InvalidWheelIndex) next = ghostTimerIndex();
     scheduledWheelIndex_ = next;
     if (Quor::now() - start >= processTimeLimit_) break;
-    // Timers armed into the slot just served (due now) wait for the next turn of the
-    // loop, as a clock reactor re-armed in the past does: a timer that always re-arms
-    // itself for now cannot hold the loop.
+    // Timers armed into the slot just served wait for the next turn of the loop, as a
+    // clock reactor re-armed in the past does: a timer that always re-arms itself for
+    // now cannot hold the loop. (Only they can be there: firing took every older one.)
     if (next == served) break;
     if (!(slotTime(next) < Quor::now())) break;
   }
@@ -628,9 +646,10 @@ void TimerWheel::rearrangeTimers() {
 // Moves every timer of slot (b, i) down by its remaining distance. None can land in this
 // same slot: a coarser bucket only takes distances of at least one slot past its current.
 void TimerWheel::cascadeSlot(U32 b, U32 i) {
+  U64 const lag = lagTicks();
   while (NotifieeConst* n = wheelAt(b, i).h) {
     removeNotifiee(n);
-    insertNotifiee(n, forwardTicks(n));
+    insertNotifiee(n, placementTicks(n, lag));
   }
 }
 

@@ -188,6 +188,8 @@ class QUOR_API TimerWheel : public Quor::Entity {
   void newTimer(NotifieeConst* n);
   void deleteTimer(NotifieeConst* n);
   U32 forwardTicks(NotifieeConst const* n) const;
+  U64 lagTicks() const;
+  U32 placementTicks(NotifieeConst const* n, U64 lag) const;
   void insertNotifiee(NotifieeConst* n, U32 ticks);
   void removeNotifiee(NotifieeConst* n);
   HeadNTail& wheelAt(U32 b, U32 i);
