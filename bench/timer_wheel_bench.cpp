@@ -7,7 +7,8 @@
 // Rearm_RealClock variant reads the real clock on every arm, as in production); the peer
 // loops cache their time. The peers' FireAll waits a few real milliseconds for its
 // timers to come due, outside the measured part; the wheel's FireTimeline lets the
-// activity loop jump from wake-up to wake-up instead of catching up in one turn.
+// activity loop jump from wake-up to wake-up instead of catching up in one turn, and
+// Wheel16k uses buckets wide enough that nothing cascades.
 #include <benchmark/benchmark.h>
 
 #include <Vell/HTimerWheel.h>
@@ -70,9 +71,9 @@ void dropFixture() {
   currentType = nullptr;
 }
 
-// Fire-all benchmarks build their timers per iteration; this many iterations give a few
-// hundred thousand firings per benchmark while bounding the real waiting of the peers.
-int fireIterations(int n) { return std::max(3, 200000 / n); }
+// Fire-all benchmarks build their timers per iteration; this many iterations give at
+// least a hundred thousand firings per size while bounding the peers' real waiting.
+int fireIterations(int n) { return std::max(3, 100000 / n); }
 
 // ---- the wheel ----------------------------------------------------------------------------
 
@@ -82,10 +83,12 @@ struct WheelTimer : Vell::TimerWheel::NotifieeConst {
 };
 
 struct WheelFixture : Fixture {
-  explicit WheelFixture(int count, bool virtualTime = true) : n(count) {
+  // bucketSize 256: most timers are cascaded once before they fire. 16384: bucket 0
+  // spans the whole horizon and nothing cascades.
+  explicit WheelFixture(int count, bool virtualTime = true, U32 bucketSize = 256) : n(count) {
     if (virtualTime) vt = std::make_unique<Quor::VirtualTime>(1.0e6);
     clock = Quor::clockFactory("bench clock");
-    tw = Vell::timerWheelFactory(Quor::defaultActivityConfig(), clock, 1, horizonMs, false, 256);
+    tw = Vell::timerWheelFactory(Quor::defaultActivityConfig(), clock, 1, horizonMs, false, bucketSize);
     timers = std::make_unique<WheelTimer[]>(static_cast<std::size_t>(n));
     Rng rng(7);
     Quor::Seconds const now = Quor::now();
@@ -135,14 +138,14 @@ void Wheel_CancelArm(benchmark::State& st) {
   }
 }
 
-template <bool timeline>
+template <bool timeline, U32 bucketSize = 256>
 void wheelFire(benchmark::State& st) {
   dropFixture();
   int const n = static_cast<int>(st.range(0));
   auto sm = Quor::quorActivitySmFor(nullptr);
   for (auto _ : st) {
     st.PauseTiming();
-    auto f = std::make_unique<WheelFixture>(n);
+    auto f = std::make_unique<WheelFixture>(n, true, bucketSize);
     Quor::Seconds const end = Quor::now() + horizonMs * 1e-3 + 1;
     if (!timeline) f->vt->advance(horizonMs * 1e-3 + 1);  // all due at once: catching up
     st.ResumeTiming();
@@ -161,6 +164,7 @@ void wheelFire(benchmark::State& st) {
 }
 void Wheel_FireAll(benchmark::State& st) { wheelFire<false>(st); }
 void Wheel_FireTimeline(benchmark::State& st) { wheelFire<true>(st); }
+void Wheel16k_FireAll(benchmark::State& st) { wheelFire<false, 16384>(st); }
 
 // ---- std::multimap ----------------------------------------------------------------------------
 
@@ -361,31 +365,48 @@ void Libuv_FireAll(benchmark::State& st) {
 }
 #endif
 
-void sizes(benchmark::internal::Benchmark* b) { b->Arg(1000)->Arg(100000)->Arg(1000000); }
-void fireSizes(benchmark::internal::Benchmark* b) {
-  for (int n : {1000, 100000, 1000000}) b->Arg(n)->Iterations(fireIterations(n));
-  b->Unit(benchmark::kMillisecond);
-}
-
 }  // namespace
 
-BENCHMARK(Wheel_Rearm)->Apply(sizes);
-BENCHMARK(Wheel_Rearm_RealClock)->Apply(sizes);
-BENCHMARK(Wheel_CancelArm)->Apply(sizes);
-BENCHMARK(Wheel_FireAll)->Apply(fireSizes);
-BENCHMARK(Wheel_FireTimeline)->Apply(fireSizes);
+// Registered by hand: fire-all runs a fixed number of iterations per size (building its
+// timers each time), and Iterations() holds for a whole registration.
+int main(int argc, char** argv) {
+  using Fn = void (*)(benchmark::State&);
+  struct Entry {
+    char const* name;
+    Fn fn;
+    bool fire;
+  };
+  std::vector<Entry> const entries = {
+      {"Wheel_Rearm", Wheel_Rearm, false},
+      {"Wheel_Rearm_RealClock", Wheel_Rearm_RealClock, false},
+      {"Wheel_CancelArm", Wheel_CancelArm, false},
+      {"Wheel_FireAll", Wheel_FireAll, true},
+      {"Wheel_FireTimeline", Wheel_FireTimeline, true},
+      {"Wheel16k_FireAll", Wheel16k_FireAll, true},
 #ifdef VELL_HAVE_LIBEVENT
-BENCHMARK(Libevent_Rearm)->Apply(sizes);
-BENCHMARK(Libevent_CancelArm)->Apply(sizes);
-BENCHMARK(Libevent_FireAll)->Apply(fireSizes);
+      {"Libevent_Rearm", Libevent_Rearm, false},
+      {"Libevent_CancelArm", Libevent_CancelArm, false},
+      {"Libevent_FireAll", Libevent_FireAll, true},
 #endif
 #ifdef VELL_HAVE_LIBUV
-BENCHMARK(Libuv_Rearm)->Apply(sizes);
-BENCHMARK(Libuv_CancelArm)->Apply(sizes);
-BENCHMARK(Libuv_FireAll)->Apply(fireSizes);
+      {"Libuv_Rearm", Libuv_Rearm, false},
+      {"Libuv_CancelArm", Libuv_CancelArm, false},
+      {"Libuv_FireAll", Libuv_FireAll, true},
 #endif
-BENCHMARK(Multimap_Rearm)->Apply(sizes);
-BENCHMARK(Multimap_CancelArm)->Apply(sizes);
-BENCHMARK(Multimap_FireAll)->Apply(fireSizes);
-
-BENCHMARK_MAIN();
+      {"Multimap_Rearm", Multimap_Rearm, false},
+      {"Multimap_CancelArm", Multimap_CancelArm, false},
+      {"Multimap_FireAll", Multimap_FireAll, true},
+  };
+  for (Entry const& e : entries) {
+    for (int n : {1000, 100000, 1000000}) {
+      auto* b = benchmark::RegisterBenchmark(e.name, e.fn)->Arg(n);
+      if (e.fire) b->Iterations(fireIterations(n))->Unit(benchmark::kMillisecond);
+    }
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  dropFixture();
+  return 0;
+}

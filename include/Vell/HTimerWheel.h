@@ -13,9 +13,10 @@
 // wraps, the next slot of the coarser buckets is cascaded down.
 //
 // Precision: a timer fires on the wheel's tick grid, no earlier than its timeMin rounded
-// down to whole ticks and no later than one tick after that. A timer beyond the wheel's
-// capacity (`maxTicks`) is parked in the farthest slot and placed again from there, so
-// capacity bounds memory, not range.
+// down to whole ticks and no later than one tick after that (later only when the loop
+// itself was late; the wheel then catches up without firing anything early). A timer
+// beyond the wheel's capacity (`maxTicks`) is parked in the farthest slot and placed
+// again from there, so capacity bounds the slots' memory, not the range.
 //
 // Usage:
 //   auto tw = Vell::timerWheelFactory(activity, clock, 10, 1 << 20, false, 256);
@@ -65,8 +66,10 @@ class QUOR_API TimerWheel : public Quor::Entity {
   /// A timer: the same shape as a framework clock reactor. Attach it to a wheel with
   /// notifierIs(), arm it with timeMinIs(); onTime() is called once per arming when its
   /// slot is reached. timeMin goes back to Quor::endOfTime just before onTime(), so
-  /// onTime() may re-arm it. Quor::endOfTime (or detaching, or deleting the timer) takes
-  /// it out of the wheel. The wheel does not keep a timer alive; a timer keeps its wheel.
+  /// onTime() may re-arm it (a time already due then fires on the loop's next turn).
+  /// Quor::endOfTime, detaching or deleting the timer takes it out of the wheel. The wheel
+  /// does not keep a timer alive, a timer keeps its wheel. Like a clock reactor, a timer
+  /// is held in Quor::Ptr (or marked static): a reference is held across onTime().
   class QUOR_API NotifieeConst : public Quor::PtrInterface {
    public:
     NotifieeConst() = default;
@@ -98,13 +101,14 @@ class QUOR_API TimerWheel : public Quor::Entity {
     void leaveWheel();
     TimerWheel* wheel() const;
 
-    Quor::Ptr<TimerWheel const> notifier_;
-    Quor::Seconds timeMin_ = Quor::endOfTime;
+    // What placement and firing touch comes first, within one cache line of the base.
     NotifieeConst* next_ = nullptr;
     NotifieeConst* prev_ = nullptr;
+    Quor::Seconds timeMin_ = Quor::endOfTime;
     U64 armSeq_ = 0;  // arming order: ties in firing order, and "armed during this pass"
     U32 wheelIndex_ = InvalidWheelIndex;
     U32 bucketIndex_ = InvalidBucketIndex;
+    Quor::Ptr<TimerWheel const> notifier_;
   };
 
   /// Use timerWheelFactory(). Throws Quor::RangeException on a bad setting.
@@ -198,6 +202,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
   void doUpdateSystemClock(Quor::Seconds t, U32 index);
   U32 findNextUsedIndex(U32 startIndex) const;
   void fireSlot(U32 index);
+  static void prefetchAfterHead(HeadNTail const& slot);
   void sortSlot(HeadNTail& slot);
   void rearrangeTimers();
   void cascadeSlot(U32 b, U32 i);
