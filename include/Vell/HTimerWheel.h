@@ -98,8 +98,8 @@ class QUOR_API TimerWheel : public Quor::Entity {
 
    private:
     friend class TimerWheel;
-    void leaveWheel();
-    TimerWheel* wheel() const;
+    QUOR_LOCAL void leaveWheel();
+    QUOR_LOCAL TimerWheel* wheel() const;
 
     // What placement and firing touch comes first, within one cache line of the base.
     NotifieeConst* next_ = nullptr;
@@ -131,7 +131,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
   void processTimeLimitIs(Quor::Seconds s);
 
   // ---- structure ----
-  U32 bucketCount() const;
+  U32 bucketCount() const { return bucketCount_; }
   /// Product of all bucket sizes, saturated at 0xffffffff: the farthest distance in
   /// ticks the wheel holds without parking. 0 before initialisation.
   U32 maxTicks() const { return maxTicks_; }
@@ -157,7 +157,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
   /// wraps", InvalidWheelIndex at rest.
   U32 scheduledWheelIndex() const { return scheduledWheelIndex_; }
   /// bucketSize(0): the slot one past the end of bucket 0.
-  U32 ghostTimerIndex() const;
+  U32 ghostTimerIndex() const { return ghostTimerIndex_; }
   bool systemClockHandlerActive() const { return systemClockHandlerActive_; }
   /// The time the wheel's clock reactor is armed at (Quor::endOfTime at rest).
   Quor::Seconds systemClockTimeMin() const;
@@ -188,28 +188,29 @@ class QUOR_API TimerWheel : public Quor::Entity {
   friend class NotifieeConst;
 
   // placement (timers come and go)
-  void timeUpdateIs(NotifieeConst* n);
-  void newTimer(NotifieeConst* n);
-  void deleteTimer(NotifieeConst* n);
-  U32 forwardTicks(NotifieeConst const* n) const;
-  U64 lagTicks() const;
-  U32 placementTicks(NotifieeConst const* n, U64 lag) const;
-  void insertNotifiee(NotifieeConst* n, U32 ticks);
-  void removeNotifiee(NotifieeConst* n);
-  HeadNTail& wheelAt(U32 b, U32 i);
+  QUOR_LOCAL void timeUpdateIs(NotifieeConst* n);
+  QUOR_LOCAL void newTimer(NotifieeConst* n);
+  QUOR_LOCAL void deleteTimer(NotifieeConst* n);
+  QUOR_LOCAL U32 forwardTicks(NotifieeConst const* n) const;
+  QUOR_LOCAL U64 msecsToTicks(U64 ms) const;
+  QUOR_LOCAL U64 lagTicks() const;
+  QUOR_LOCAL U32 placementTicks(NotifieeConst const* n, U64 lag) const;
+  QUOR_LOCAL void insertNotifiee(NotifieeConst* n, U32 ticks);
+  QUOR_LOCAL void removeNotifiee(NotifieeConst* n);
+  QUOR_LOCAL HeadNTail& wheelAt(U32 b, U32 i);
   // clock handling
-  void maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added);
-  void doUpdateSystemClock(Quor::Seconds t, U32 index);
-  U32 findNextUsedIndex(U32 startIndex) const;
-  void fireSlot(U32 index);
-  static void prefetchAfterHead(HeadNTail const& slot);
-  void sortSlot(HeadNTail& slot);
-  void rearrangeTimers();
-  void cascadeSlot(U32 b, U32 i);
-  void maybePullUpWheelTime(Quor::Seconds now);
-  void advanceCurrentIndex(U32 to);
-  void shutdownWheel();
-  Quor::Seconds slotTime(U32 index) const;
+  QUOR_LOCAL void maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added);
+  QUOR_LOCAL void doUpdateSystemClock(Quor::Seconds t, U32 index);
+  QUOR_LOCAL U32 findNextUsedIndex(U32 startIndex) const;
+  QUOR_LOCAL void fireSlot(U32 index);
+  QUOR_LOCAL static void prefetchAfterHead(HeadNTail const& slot);
+  QUOR_LOCAL void sortSlot(HeadNTail& slot);
+  QUOR_LOCAL void rearrangeTimers();
+  QUOR_LOCAL void cascadeSlot(U32 b, U32 i);
+  QUOR_LOCAL void maybePullUpWheelTime(Quor::Seconds now);
+  QUOR_LOCAL void advanceCurrentIndex(U32 to);
+  QUOR_LOCAL void shutdownWheel();
+  QUOR_LOCAL Quor::Seconds slotTime(U32 index) const;
 
   Quor::Ptr<Quor::ActivityConfig> quorFwkActivity_;
   Quor::Ptr<Quor::Clock const> systemClock_;
@@ -220,6 +221,8 @@ class QUOR_API TimerWheel : public Quor::Entity {
   Quor::Seconds processTimeLimit_ = 0.05;
   U32 maxTicks_ = 0;
   std::vector<Bucket> buckets_;
+  U32 bucketCount_ = 0;
+  U32 ghostTimerIndex_ = InvalidWheelIndex;
   Quor::Seconds time_ = 0.0;
   Quor::Seconds currentWheelIndexTime_ = Quor::endOfTime;
   // currentWheelIndexTime is derived from these so that it never drifts: adding one
