@@ -4,6 +4,9 @@
 #include <limits>
 
 #define QUOR_API __attribute__((visibility("default")))
+/// For members of an exported class that only the class's own source calls: they are
+/// not interposable, so calls to them stay direct and can be inlined.
+#define QUOR_LOCAL __attribute__((visibility("hidden")))
 
 namespace Quor {
 using U8 = std::uint8_t;

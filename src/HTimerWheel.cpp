@@ -1,0 +1,712 @@
+// Hierarchical timer wheel: placement of timers in buckets and slots, and the clock
+// handling that fires them, cascades coarser buckets down and puts the wheel to rest.
+#include <Vell/HTimerWheel.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace Vell {
+
+namespace {
+
+Quor::TraceHandle traceHandle("TimerWheel");
+
+constexpr U32 invalidIndex = TimerWheel::InvalidWheelIndex;
+
+// Times print with microseconds; the default stream format would show an epoch time as
+// 1.7e+09.
+struct Secs {
+  Quor::Seconds s;
+};
+std::ostream& operator<<(std::ostream& o, Secs t) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%.6f", t.s);
+  return o << buf;
+}
+
+void const* id(TimerWheel::NotifieeConst const* n) { return n; }
+
+// Whole milliseconds in a non-negative duration, to nearest with an exact half rounding
+// down. Saturates far beyond any wheel's reach instead of converting an out-of-range
+// (or infinite) double, which would be undefined.
+U64 roundedMsecs(Quor::Seconds seconds) {
+  constexpr double cap = 0x1p62;
+  double const ms = seconds * 1000.0;
+  if (!(ms < cap)) return U64(1) << 62;
+  if (!(ms > 0)) return 0;
+  Quor::S64 m = static_cast<Quor::S64>(ms);  // below 2^62: the signed conversion is exact and cheaper
+  if (ms - static_cast<double>(m) > 0.5) ++m;
+  return static_cast<U64>(m);
+}
+
+}  // namespace
+
+// ---- BucketSize ---------------------------------------------------------------------------
+
+BucketSize::BucketSize(U32 v) : value_(QUOR_CHECK_RANGE("BucketSize", "value", v, 2, 0xfffffffe)) {}
+
+void BucketSize::valueIs(U32 v) { value_ = QUOR_CHECK_RANGE("BucketSize", "value", v, 2, 0xfffffffe); }
+
+void BucketSize::quorWrite(std::string& out) const { Quor::TextForm<U32>::write(out, value_); }
+
+BucketSize BucketSize::quorParse(Quor::StrepIt& it, Quor::StrepIt end) {
+  Quor::StrepIt const start = it;
+  U32 const v = Quor::TextForm<U32>::parse(it, end);
+  try {
+    return BucketSize(v);
+  } catch (...) {
+    it = start;
+    throw;
+  }
+}
+
+// ---- occupancy bitmap -----------------------------------------------------------------
+
+// Which slots of a bucket hold timers: one bit per slot, and summary levels above it in
+// which a bit says "that word of the level below is not zero", up to a single top word.
+// Finding the next used slot climbs until a word has a bit at or after the start, then
+// descends: two word operations per level, six levels at most for 2^32 slots.
+class TimerWheel::Occupancy {
+ public:
+  static constexpr U64 none = ~U64(0);
+
+  explicit Occupancy(U32 bits) {
+    U64 n = bits, offset = 0;
+    do {
+      U64 const words = (n + 63) / 64;
+      levels_[depth_++] = Level{offset, words};
+      offset += words;
+      n = words;
+    } while (n > 1);
+    words_ = std::make_unique<U64[]>(offset);  // zeroed
+  }
+
+  bool test(U64 i) const { return (word(0, i >> 6) >> (i & 63)) & 1; }
+
+  // A level's word changes between zero and non-zero only when its bit above changes.
+  void set(U64 i) {
+    for (U32 l = 0; l < depth_; ++l, i >>= 6) {
+      U64& w = word(l, i >> 6);
+      bool const wasEmpty = w == 0;
+      w |= U64(1) << (i & 63);
+      if (!wasEmpty) return;
+    }
+  }
+  void clear(U64 i) {
+    for (U32 l = 0; l < depth_; ++l, i >>= 6) {
+      U64& w = word(l, i >> 6);
+      w &= ~(U64(1) << (i & 63));
+      if (w != 0) return;
+    }
+  }
+
+  /// The first set bit at or after `from`, or `none`.
+  U64 findNext(U64 from) const {
+    U32 l = 0;
+    U64 i = from;
+    for (;; ++l) {
+      if (l == depth_) return none;
+      U64 const w = i >> 6;
+      if (w >= levels_[l].words) return none;
+      U64 const bits = word(l, w) & (~U64(0) << (i & 63));
+      if (bits) {
+        i = (w << 6) + static_cast<U64>(__builtin_ctzll(bits));
+        break;
+      }
+      i = w + 1;  // continue with the next word, one level up
+    }
+    while (l-- > 0) i = (i << 6) + static_cast<U64>(__builtin_ctzll(word(l, i)));
+    return i;
+  }
+
+ private:
+  struct Level {
+    U64 offset;
+    U64 words;
+  };
+  U64& word(U32 level, U64 w) { return words_[levels_[level].offset + w]; }
+  U64 word(U32 level, U64 w) const { return words_[levels_[level].offset + w]; }
+
+  Level levels_[6] = {};
+  U32 depth_ = 0;
+  std::unique_ptr<U64[]> words_;
+};
+
+struct TimerWheel::Bucket {
+  explicit Bucket(U32 n)
+      : size(n), pow2((n & (n - 1)) == 0), shift(static_cast<U32>(__builtin_ctz(n))), slots(new HeadNTail[n]), occupancy(n) {}
+  // Turns of this bucket in a distance, and the slot a distance wraps to: a shift and a
+  // mask for the usual power-of-two sizes instead of a 64-bit division.
+  U64 turns(U64 d) const { return pow2 ? d >> shift : d / size; }
+  U64 wrap(U64 d) const { return pow2 ? d & (size - 1) : d % size; }
+  U32 size;
+  bool pow2;
+  U32 shift;
+  U32 current = 0;
+  U32 timers = 0;
+  std::unique_ptr<HeadNTail[]> slots;
+  Occupancy occupancy;
+};
+
+// ---- the wheel's clock reactor ------------------------------------------------------------
+
+class TimerWheel::QuorSystemClock : public Quor::Clock::NotifieeConst {
+ public:
+  explicit QuorSystemClock(TimerWheel* wheel) : wheel_(wheel) {}
+  void onTime() override {
+    if (!wheel_) return;
+    // A timer's callback may drop the last reference to the wheel.
+    Quor::Ptr<TimerWheel> const hold(wheel_);
+    wheel_->handleSystemClock();
+  }
+  TimerWheel* wheel_;  // back pointer: never keeps the wheel alive
+};
+
+// ---- construction -----------------------------------------------------------------------------
+
+TimerWheel::TimerWheel(Quor::Ptr<Quor::ActivityConfig> const& activity, Quor::Ptr<Quor::Clock const> const& clock,
+                       U32 tickMsecs, U32 initialMaxTicks, bool preserveOrder, U32 defaultBucketSize)
+    : Entity("TimerWheel"),
+      quorFwkActivity_(activity),
+      systemClock_(clock),
+      tickMsecs_(QUOR_CHECK_RANGE("TimerWheel", "tickMsecs", tickMsecs, 1, 3600000)),
+      initialMaxTicks_(QUOR_CHECK_RANGE("TimerWheel", "initialMaxTicks", initialMaxTicks, 2, 0xffffffff)),
+      preserveOrder_(preserveOrder),
+      defaultBucketSize_(QUOR_CHECK_RANGE("TimerWheel", "defaultBucketSize", defaultBucketSize, 2, 0x10000)) {
+  quorSystemClock_ = new QuorSystemClock(this);
+  quorSystemClock_->notifierIs(systemClock_);
+  handleInitialized();
+}
+
+TimerWheel::~TimerWheel() = default;
+
+void TimerWheel::handleDel() {
+  // Attached timers hold a reference, so every slot is empty by now; only the clock
+  // reactor may still be armed.
+  quorSystemClock_->wheel_ = nullptr;
+  quorSystemClock_->timeMinIs(Quor::endOfTime);
+  quorSystemClock_->notifierIs(nullptr);
+}
+
+Quor::Ptr<TimerWheel> timerWheelFactory(Quor::Ptr<Quor::ActivityConfig> const& activity,
+                                        Quor::Ptr<Quor::Clock const> const& clock, U32 tickMsecs, U32 initialMaxTicks,
+                                        bool preserveOrder, U32 defaultBucketSize) {
+  return Quor::makeEntity<TimerWheel>(activity, clock, tickMsecs, initialMaxTicks, preserveOrder,
+                                      defaultBucketSize);
+}
+
+void TimerWheel::handleInitialized() {
+  QUOR_ASSERT(!initialized());
+  maxTicks_ = 1;
+  initializedIs(true);
+  do {
+    doAddNewBucket(defaultBucketSize_);
+  } while (maxTicks_ < initialMaxTicks_);
+  if (bucketCount() == 1) doAddNewBucket(defaultBucketSize_);  // always a coarser bucket to carry into
+  QUOR_TRACE(traceHandle, 0,
+             "TimerWheel::handleInitialized: Total buckets created " << bucketCount() << " of " << defaultBucketSize_
+                                                                     << " each.");
+}
+
+void TimerWheel::doAddNewBucket(U32 size) {
+  U32 const b = bucketCount();
+  QUOR_TRACE(traceHandle, 0, " ## Add a new bucket to index " << b << " of size " << size);
+  QUOR_ASSERT(timers() == 0);
+  BucketSize const checked(size);
+  buckets_.emplace_back(checked.value());  // allocates before anything changes
+  bucketCount_ = static_cast<U32>(buckets_.size());
+  ghostTimerIndex_ = buckets_[0].size;
+  maxTicks_ = 0xffffffffu / size >= maxTicks_ ? maxTicks_ * size : 0xffffffffu;
+  QUOR_TRACE(traceHandle, 1, "Total number of buckets now is " << bucketCount());
+}
+
+void TimerWheel::processTimeLimitIs(Quor::Seconds s) {
+  processTimeLimit_ = QUOR_CHECK_RANGE("TimerWheel", "processTimeLimit", s, 0, 0.5);
+}
+
+// ---- readers ----------------------------------------------------------------------------------
+
+BucketSize TimerWheel::bucketSize(U32 b) const { return b < bucketCount() ? BucketSize(buckets_[b].size) : BucketSize(); }
+
+U64 TimerWheel::wheelBase(U32 b) const {
+  return b < bucketCount() ? reinterpret_cast<U64>(buckets_[b].slots.get()) : 0;
+}
+
+U32 TimerWheel::currentWheelIndex(U32 b) const { return b < bucketCount() ? buckets_[b].current : 0; }
+
+U32 TimerWheel::timer(U32 b) const { return b < bucketCount() ? buckets_[b].timers : 0; }
+
+Quor::Seconds TimerWheel::systemClockTimeMin() const { return quorSystemClock_->timeMin(); }
+
+TimerWheel::NotifieeConst const* TimerWheel::slotHead(U32 b, U32 i) const {
+  return b < bucketCount() && i < buckets_[b].size ? buckets_[b].slots[i].h : nullptr;
+}
+
+TimerWheel::NotifieeConst const* TimerWheel::slotTail(U32 b, U32 i) const {
+  return b < bucketCount() && i < buckets_[b].size ? buckets_[b].slots[i].t : nullptr;
+}
+
+bool TimerWheel::slotOccupied(U32 b, U32 i) const {
+  return b < bucketCount() && i < buckets_[b].size && buckets_[b].occupancy.test(i);
+}
+
+HeadNTail& TimerWheel::wheelAt(U32 b, U32 i) { return buckets_[b].slots[i]; }
+
+// ---- the timer ------------------------------------------------------------------------------
+
+// A timer on a const wheel still changes the wheel's bookkeeping (its slot), as a
+// notifiee changes a const notifier's list of notifiees.
+TimerWheel* TimerWheel::NotifieeConst::wheel() const { return const_cast<TimerWheel*>(notifier_.ptr()); }
+
+TimerWheel::NotifieeConst::~NotifieeConst() { leaveWheel(); }
+
+void TimerWheel::NotifieeConst::leaveWheel() {
+  if (notifier_ && wheelIndex_ != InvalidWheelIndex) wheel()->deleteTimer(this);
+}
+
+void TimerWheel::NotifieeConst::notifierIs(Quor::Ptr<TimerWheel const> const& w) {
+  if (w == notifier_) return;
+  leaveWheel();
+  notifier_ = w;
+  if (notifier_ && timeMin_ != Quor::endOfTime) wheel()->timeUpdateIs(this);
+}
+
+void TimerWheel::NotifieeConst::timeMinIs(Quor::Seconds t) {
+  if (t == timeMin_) return;
+  // Refused at once even when detached, so that the bad value never waits to be found.
+  if (!notifier_) QUOR_ASSERT_TEXT(!std::isnan(t), "!isnan( n->timeMin() )");
+  timeMin_ = t;
+  if (notifier_) wheel()->timeUpdateIs(this);
+}
+
+// ---- placement ----------------------------------------------------------------------------------
+
+void TimerWheel::timeUpdateIs(NotifieeConst* n) {
+  if (!initialized()) return;
+  QUOR_ASSERT(bucketCount() >= 2);
+  QUOR_TRACE(traceHandle, 2, "timeUpdateIs: Updating notifiee timeMin of " << id(n) << " to " << Secs{n->timeMin()});
+  QUOR_ASSERT_TEXT(!std::isnan(n->timeMin()), "!isnan( n->timeMin() )");
+  if (n->wheelIndex_ != InvalidWheelIndex) {
+    QUOR_ASSERT_TEXT(n->bucketIndex_ != InvalidBucketIndex, "Vell::bucketIndex( n ) != InvalidBucketIndex");
+    deleteTimer(n);
+  }
+  QUOR_ASSERT_TEXT(n->bucketIndex_ == InvalidBucketIndex, "Vell::bucketIndex( n ) == InvalidBucketIndex");
+  if (n->timeMin() == Quor::endOfTime) return;  // never: the timer stays out of the wheel
+  // A timeMin of 0 and any other time take the same path: both are placed by distance.
+  newTimer(n);
+}
+
+void TimerWheel::newTimer(NotifieeConst* n) {
+  QUOR_TRACE(traceHandle, 1, "newTimer: " << id(n));
+  time_ = Quor::now();  // distances are measured from the present
+  if (scheduledWheelIndex_ != InvalidWheelIndex) {
+    maybePullUpWheelTime(time_);
+  } else {
+    // At rest: restart from slot 0 at the present.
+    QUOR_ASSERT_TEXT(!systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
+    for (Bucket& bk : buckets_) bk.current = 0;
+    restartTime_ = time_;
+    elapsedTicks_ = 0;
+    currentWheelIndexTime_ = time_;
+  }
+  n->armSeq_ = nextArmSeq_++;
+  insertNotifiee(n, placementTicks(n, lagTicks()));
+  if (!systemClockHandlerActive_) maybeUpdateSystemClock(n->bucketIndex_, n->wheelIndex_, true);
+}
+
+void TimerWheel::deleteTimer(NotifieeConst* n) {
+  QUOR_TRACE(traceHandle, 1, "deleteTimer: " << id(n));
+  QUOR_ASSERT_TEXT(timers() != 0, "tw->timers()");
+  U32 const b = n->bucketIndex_, i = n->wheelIndex_;
+  removeNotifiee(n);
+  if (!systemClockHandlerActive_) maybeUpdateSystemClock(b, i, false);
+}
+
+U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
+  Quor::Seconds const now = time_;
+  QUOR_ASSERT(now != Quor::endOfTime);
+  Quor::Seconds const t = n->timeMin();
+  QUOR_TRACE(traceHandle, 4, "forwardTicks now " << Secs{now} << " n->timeMin " << Secs{t});
+  if (now >= t || t == 0) return 0;
+  U64 const ticks = msecsToTicks(roundedMsecs(t - now) + tickMsecs_ - 1);
+  // Saturated rather than cut to the low 32 bits: a timer too far for 32 bits of ticks
+  // must not come back as a near one. It is parked in the farthest slot instead.
+  return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
+}
+
+// Whole ticks by which the current slot lags the present: the loop was late, or firing
+// is catching up, and the pull-up may not pass a slot that is still due.
+U64 TimerWheel::lagTicks() const {
+  if (!(time_ > currentWheelIndexTime_)) return 0;
+  return msecsToTicks(roundedMsecs(time_ - currentWheelIndexTime_));
+}
+
+// Whole ticks in a number of milliseconds, rounded down. Most wheels tick in 1 ms, and a
+// 32-bit division is several times cheaper than a 64-bit one.
+U64 TimerWheel::msecsToTicks(U64 ms) const {
+  if (tickMsecs_ == 1) return ms;
+  if (ms <= 0xffffffffu) return static_cast<U32>(ms) / tickMsecs_;
+  return ms / tickMsecs_;
+}
+
+// Slots from the current one: the distance from the present plus the lag, so that a
+// timer placed while the wheel catches up is not fired early by the backlog. A timer
+// already due goes to the current slot and fires as the wheel catches up, in order
+// with the others. Without a lag this is forwardTicks() itself.
+U32 TimerWheel::placementTicks(NotifieeConst const* n, U64 lag) const {
+  U64 const distance = forwardTicks(n);
+  if (distance == 0) return 0;
+  U64 const ticks = distance + lag;
+  return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
+}
+
+void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
+  U32 const last = bucketCount_ - 1;
+  U32 bucketIndex = 0, index = 0;
+  for (U64 distance = ticks;; ++bucketIndex) {
+    Bucket const& bk = buckets_[bucketIndex];
+    U64 const S = bk.size, c = bk.current;
+    if (distance < S - c) {
+      index = static_cast<U32>(c + distance);
+      break;
+    }
+    if (bucketIndex == last) {
+      if (S > distance) {
+        index = static_cast<U32>(bk.wrap(distance + c));  // wraps within the last bucket
+      } else {
+        // Parked in the farthest slot: from there it is placed again with what remains.
+        QUOR_TRACE(traceHandle, 0, "Reducing timeout to fit the maximum timer capacity");
+        index = static_cast<U32>(bk.wrap(S - 1 + c));
+      }
+      break;
+    }
+    distance = bk.turns(c + distance);  // turns of this bucket: slots of the next one
+  }
+  QUOR_ASSERT_TEXT(!lock_, "!lock");
+  QUOR_ASSERT_TEXT(bucketIndex < bucketCount_, "bucketIndex < tw->bucketCount()");
+  QUOR_ASSERT_TEXT(index < buckets_[bucketIndex].size, "index < tw->bucketSize( bucketIndex )");
+  QUOR_ASSERT_TEXT(n->wheelIndex_ == InvalidWheelIndex, "wheelIndex( n ) == InvalidWheelIndex");
+  QUOR_ASSERT_TEXT(n->bucketIndex_ == InvalidBucketIndex, "Vell::bucketIndex( n ) == InvalidBucketIndex");
+  lock_ = true;
+  Bucket& bk = buckets_[bucketIndex];
+  HeadNTail& slot = bk.slots[index];
+  n->prev_ = slot.t;
+  n->next_ = nullptr;
+  if (slot.t) {
+    slot.t->next_ = n;
+  } else {
+    slot.h = n;
+    bk.occupancy.set(index);
+  }
+  slot.t = n;
+  n->bucketIndex_ = bucketIndex;
+  n->wheelIndex_ = index;
+  if (bk.timers++ == 0) ++remainingNonEmptyBuckets_;
+  ++timers_;
+  lock_ = false;
+  QUOR_TRACE(traceHandle, 3,
+             "Inserting " << id(n) << " in bucket " << bucketIndex << " at index " << index << " head " << id(slot.h)
+                          << " tail " << id(slot.t) << " current " << buckets_[0].current << " sched "
+                          << scheduledWheelIndex_);
+}
+
+void TimerWheel::removeNotifiee(NotifieeConst* n) {
+  U32 const bucketIndex = n->bucketIndex_, index = n->wheelIndex_;
+  Bucket& bk = buckets_[bucketIndex];
+  HeadNTail& slot = bk.slots[index];
+  NotifieeConst* const next = n->next_;
+  NotifieeConst* const prev = n->prev_;
+  // A timer without a predecessor must have been the head (and without a successor the
+  // tail); anything else means the slot's list is broken.
+  if (prev) {
+    prev->next_ = next;
+  } else if (slot.h == n) {
+    slot.h = next;
+  }
+  QUOR_ASSERT_TEXT(prev || slot.h == next, "wheelAt( tw, bucketIndex, index )->h == next( n )");
+  if (next) {
+    next->prev_ = prev;
+  } else if (slot.t == n) {
+    slot.t = prev;
+  }
+  QUOR_ASSERT_TEXT(next || slot.t == prev, "wheelAt( tw, bucketIndex, index )->t == prev( n )");
+  if (!slot.h) bk.occupancy.clear(index);
+  n->next_ = n->prev_ = nullptr;
+  n->wheelIndex_ = InvalidWheelIndex;
+  n->bucketIndex_ = InvalidBucketIndex;
+  if (--bk.timers == 0) --remainingNonEmptyBuckets_;
+  --timers_;
+}
+
+// ---- clock handling ------------------------------------------------------------------------------
+
+Quor::Seconds TimerWheel::slotTime(U32 index) const {
+  U64 const ticks = elapsedTicks_ + (index - buckets_[0].current);
+  // 64-bit product: a long tick times a large bucket does not fit 32 bits.
+  return restartTime_ + static_cast<double>(ticks * tickMsecs_) / 1000.0;
+}
+
+void TimerWheel::advanceCurrentIndex(U32 to) {
+  elapsedTicks_ += to - buckets_[0].current;
+  buckets_[0].current = to;
+  currentWheelIndexTime_ = restartTime_ + static_cast<double>(elapsedTicks_ * tickMsecs_) / 1000.0;
+}
+
+U32 TimerWheel::findNextUsedIndex(U32 startIndex) const {
+  QUOR_ASSERT_TEXT(startIndex >= buckets_[0].current, "startIndex >= tw->currentWheelIndex( 0 )");
+  U64 const i = buckets_[0].occupancy.findNext(startIndex);
+  return i == Occupancy::none ? invalidIndex : static_cast<U32>(i);
+}
+
+void TimerWheel::doUpdateSystemClock(Quor::Seconds t, U32 index) {
+  QUOR_ASSERT(!systemClockHandlerActive());
+  quorSystemClock_->timeMinIs(t);
+  scheduledWheelIndex_ = index;
+}
+
+void TimerWheel::maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added) {
+  QUOR_ASSERT_TEXT(buckets_[0].current != InvalidWheelIndex, "tw->currentWheelIndex( 0 ) != InvalidWheelIndex");
+  QUOR_ASSERT_TEXT(!systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
+  U32 newIndex;
+  if (added) {
+    QUOR_ASSERT_TEXT(wheelAt(bucketIndex, wheelIndex).h, "wheelAt( tw, bucketIndex, wheelIndex )");
+    if (scheduledWheelIndex_ != InvalidWheelIndex) {
+      if (bucketIndex != 0 || wheelIndex >= scheduledWheelIndex_) return;
+      newIndex = wheelIndex;  // earlier than the scheduled slot
+    } else {
+      QUOR_ASSERT_TEXT(timers() == 1, "tw->timers() == 1");
+      newIndex = bucketIndex == 0 ? wheelIndex : ghostTimerIndex();
+    }
+  } else {
+    QUOR_ASSERT_TEXT(scheduledWheelIndex_ != InvalidWheelIndex, "tw->scheduledWheelIndex() != InvalidWheelIndex");
+    if (timers() == 0) {
+      shutdownWheel();
+      return;
+    }
+    if (bucketIndex != 0 || wheelAt(0, wheelIndex).h) return;
+    if (wheelIndex == scheduledWheelIndex_) {
+      U32 nextUsed = findNextUsedIndex(wheelIndex);
+      QUOR_ASSERT(nextUsed != wheelIndex);
+      if (nextUsed == InvalidWheelIndex) {
+        QUOR_ASSERT_TEXT(buckets_[0].timers == 0, "tw->timer( 0 ) == 0");
+        nextUsed = ghostTimerIndex();
+      }
+      newIndex = nextUsed;
+    } else {
+      QUOR_ASSERT_TEXT(scheduledWheelIndex_ < wheelIndex, "tw->scheduledWheelIndex() < wheelIndex");
+      return;
+    }
+  }
+  doUpdateSystemClock(slotTime(newIndex), newIndex);
+}
+
+void TimerWheel::handleSystemClock() {
+  if (!initialized()) return;
+  Quor::Seconds const start = Quor::now();
+  for (;;) {
+    time_ = Quor::now();
+    U32 const schedIndex = scheduledWheelIndex_;
+    QUOR_ASSERT(schedIndex != InvalidWheelIndex);
+    QUOR_TRACE(traceHandle, 1, "In handleSystemClock at " << Secs{time_} << " schedIndex " << schedIndex);
+    QUOR_ASSERT(!systemClockHandlerActive());
+    systemClockHandlerActive_ = true;
+    U32 served = schedIndex;
+    if (schedIndex == ghostTimerIndex()) {
+      advanceCurrentIndex(schedIndex);
+      rearrangeTimers();
+      served = buckets_[0].current;
+    }
+    fireSlot(served);
+    systemClockHandlerActive_ = false;
+    if (timers() == 0) {
+      shutdownWheel();
+      QUOR_TRACE(traceHandle, 1, "Completed handleSystemClock at " << Secs{Quor::now()});
+      return;
+    }
+    maybePullUpWheelTime(Quor::now());
+    if (buckets_[0].current == ghostTimerIndex()) {
+      rearrangeTimers();
+      served = InvalidWheelIndex;  // slot 0 now stands for a new turn, cascaded timers in it are due
+    }
+    U32 next = findNextUsedIndex(buckets_[0].current);
+    if (next == InvalidWheelIndex) next = ghostTimerIndex();
+    scheduledWheelIndex_ = next;
+    if (Quor::now() - start >= processTimeLimit_) break;
+    // Timers armed into the slot just served wait for the next turn of the loop, as a
+    // clock reactor re-armed in the past does: a timer that always re-arms itself for
+    // now cannot hold the loop. (Only they can be there: firing took every older one.)
+    if (next == served) break;
+    if (!(slotTime(next) < Quor::now())) break;
+  }
+  doUpdateSystemClock(slotTime(scheduledWheelIndex_), scheduledWheelIndex_);
+  QUOR_TRACE(traceHandle, 1, "Completed handleSystemClock at " << Secs{Quor::now()});
+}
+
+// Walking a slot's list is a chain of cache misses when timers are many: unlinking the
+// head writes its successor at once, so fetch the one after that early, while the
+// current timer is placed or called.
+void TimerWheel::prefetchAfterHead(HeadNTail const& slot) {
+  if (slot.h) __builtin_prefetch(slot.h->next_, 1);
+}
+
+void TimerWheel::fireSlot(U32 index) {
+  if (preserveOrder_) sortSlot(wheelAt(0, index));
+  U64 const passSeq = nextArmSeq_;
+  // Taken from the live list one at a time: a callback may cancel or re-arm any timer,
+  // this slot's included. Timers armed during this pass sit behind the older ones.
+  while (NotifieeConst* n = wheelAt(0, index).h) {
+    if (n->armSeq_ >= passSeq) break;
+    removeNotifiee(n);
+    prefetchAfterHead(wheelAt(0, index));
+    n->timeMin_ = Quor::endOfTime;  // one-shot: onTime may arm it again
+    if (n->isDestroying()) continue;
+    Quor::Ptr<NotifieeConst const> const hold(n);  // the timer may drop its last reference
+    QUOR_TRACE(traceHandle, 5, "call onTime of " << id(n));
+    n->onTime();
+    QUOR_TRACE(traceHandle, 5, "call onTime completed");
+  }
+}
+
+namespace {
+
+using Timer = TimerWheel::NotifieeConst;
+
+// Merges two lists linked through `next`, in (timeMin, arming) order.
+template <class Before, class Next>
+Timer* mergeLists(Timer* a, Timer* b, Before before, Next next) {
+  Timer* head = nullptr;
+  Timer** tail = &head;
+  while (a && b) {
+    if (before(b, a)) {
+      *tail = b;
+      b = next(b);
+    } else {
+      *tail = a;
+      a = next(a);
+    }
+    tail = &next(*tail);
+  }
+  *tail = a ? a : b;
+  return head;
+}
+
+}  // namespace
+
+// Sorts a slot's list by (timeMin, arming order): a slot collects timers armed at
+// different times and cascaded from coarser buckets. O(k log k) with no allocation, and
+// O(k) when the slot is already in order, which is the common case.
+void TimerWheel::sortSlot(HeadNTail& slot) {
+  auto before = [](NotifieeConst const* x, NotifieeConst const* y) {
+    return x->timeMin_ < y->timeMin_ || (x->timeMin_ == y->timeMin_ && x->armSeq_ < y->armSeq_);
+  };
+  auto next = [](NotifieeConst* x) -> NotifieeConst*& { return x->next_; };
+  bool sorted = true;
+  for (NotifieeConst* n = slot.h; n && n->next_; n = n->next_)
+    if (before(n->next_, n)) {
+      sorted = false;
+      break;
+    }
+  if (sorted) return;
+  // Bottom-up merge sort over runs of width 1, 2, 4, ...
+  NotifieeConst* list = slot.h;
+  for (U64 width = 1;; width *= 2) {
+    NotifieeConst* result = nullptr;
+    NotifieeConst** resultTail = &result;
+    U32 merges = 0;
+    while (list) {
+      NotifieeConst* a = list;
+      NotifieeConst* p = a;
+      for (U64 k = 1; k < width && p->next_; ++k) p = p->next_;
+      NotifieeConst* b = p->next_;
+      p->next_ = nullptr;
+      NotifieeConst* q = b;
+      if (q) {
+        for (U64 k = 1; k < width && q->next_; ++k) q = q->next_;
+        list = q->next_;
+        q->next_ = nullptr;
+      } else {
+        list = nullptr;
+      }
+      *resultTail = mergeLists(a, b, before, next);
+      while (*resultTail) resultTail = &(*resultTail)->next_;
+      ++merges;
+    }
+    list = result;
+    if (merges <= 1) break;
+  }
+  NotifieeConst* prev = nullptr;
+  for (NotifieeConst* n = list; n; n = n->next_) {
+    n->prev_ = prev;
+    prev = n;
+  }
+  slot.h = list;
+  slot.t = prev;
+}
+
+void TimerWheel::rearrangeTimers() {
+  QUOR_TRACE(traceHandle, 1, "rearrange timers");
+  QUOR_ASSERT_TEXT(scheduledWheelIndex_ == ghostTimerIndex(), "tw->scheduledWheelIndex() == tw->ghostTimerIndex()");
+  U32 const current = buckets_[0].current;
+  QUOR_ASSERT_TEXT(current == ghostTimerIndex(), "current == tw->ghostTimerIndex()");
+  buckets_[0].current = 0;
+  time_ = Quor::now();
+  U32 const last = bucketCount_ - 1;
+  for (U32 b = 1; b <= last; ++b) {
+    Bucket& bk = buckets_[b];
+    bool const wrapped = bk.current + 1 == bk.size;
+    bk.current = wrapped ? 0 : bk.current + 1;
+    // Slot 0 of a bucket with a coarser one above is never used: its turn is carried up.
+    // The last bucket has none above, and its slot 0 may hold wrapped timers.
+    if (wrapped && b != last) {
+      QUOR_ASSERT_TEXT(!wheelAt(b, 0).h, "wheelAt( tw, iter.key(), current ) == 0");
+      continue;
+    }
+    cascadeSlot(b, bk.current);
+    if (!wrapped) break;
+  }
+}
+
+// Moves every timer of slot (b, i) down by its remaining distance. None can land in this
+// same slot: a coarser bucket only takes distances of at least one slot past its current.
+void TimerWheel::cascadeSlot(U32 b, U32 i) {
+  U64 const lag = lagTicks();
+  while (NotifieeConst* n = wheelAt(b, i).h) {
+    removeNotifiee(n);
+    prefetchAfterHead(wheelAt(b, i));
+    insertNotifiee(n, placementTicks(n, lag));
+  }
+}
+
+void TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
+  QUOR_ASSERT_TEXT(currentWheelIndexTime_ != Quor::endOfTime, "tw->currentWheelIndexTime() != Quor::endOfTime");
+  Quor::Seconds const elapsed = now - currentWheelIndexTime_;
+  if (!(elapsed > 0)) return;
+  U64 const ticks = msecsToTicks(roundedMsecs(elapsed));  // whole ticks passed: rounded down
+  if (ticks == 0) return;
+  QUOR_ASSERT_TEXT(scheduledWheelIndex_ != InvalidWheelIndex, "tw->scheduledWheelIndex() != InvalidWheelIndex");
+  Bucket const& b0 = buckets_[0];
+  U32 const current = b0.current;
+  QUOR_TRACE(traceHandle, 4,
+             "PullingUp current index " << current << " sched index " << scheduledWheelIndex_ << " now dist " << ticks
+                                        << " schedDistTicks " << (scheduledWheelIndex_ - current));
+  // Never past the scheduled slot nor past a slot that still holds a timer: those must
+  // keep the time they were placed for.
+  U64 target = std::min<U64>(U64(current) + ticks, b0.size);
+  target = std::min<U64>(target, scheduledWheelIndex_);
+  target = std::min<U64>(target, std::min<U64>(b0.occupancy.findNext(current), b0.size));
+  if (target == current) return;
+  advanceCurrentIndex(static_cast<U32>(target));
+  QUOR_TRACE(traceHandle, 4, "Pulling current up to index " << target);
+}
+
+void TimerWheel::shutdownWheel() {
+  QUOR_TRACE(traceHandle, 1, "Wheel being shut down");
+  QUOR_ASSERT_TEXT(timers() == 0, "tw->timers() == 0");
+  QUOR_ASSERT_TEXT(!systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
+  currentWheelIndexTime_ = Quor::endOfTime;
+  for (Bucket& bk : buckets_) bk.current = InvalidWheelIndex;
+  doUpdateSystemClock(Quor::endOfTime, InvalidWheelIndex);
+}
+
+}  // namespace Vell
