@@ -176,6 +176,7 @@ class QUOR_API ActivitySm : public Entity {
   std::map<Key, Clock::NotifieeConst*> armed_;
   std::unordered_map<U64, FileDescriptor*> fds_;
   std::vector<U64> alwaysReady_;
+  std::size_t registered_ = 0;  // descriptors with an epoll registration
 };
 
 }  // namespace Quor
