@@ -24,6 +24,14 @@
 
 #include <Quor/Quor.h>
 #include <Vell/AgentSocketHandler.h>
+#include <Vell/BestFitAllocator.h>
+#include <Vell/EventClock.h>
+#include <Vell/HBitmap.h>
+#include <Vell/HTimerWheel.h>
+#include <Vell/ReviewTimer.h>
+#include <Vell/ValueTypes.h>
+
+#include "KeyedBacklog.h"
 
 namespace {
 
@@ -58,17 +66,110 @@ class DemoCommand : public Vell::AgentSocketCallback {
   unsigned* served_;
 };
 
-// A clock reactor that ticks ten times a second, so that the loop has a clock at work.
+// A clock reactor that ticks ten times a second and drives the demo's workload.
 class Heartbeat : public Quor::Clock::NotifieeConst {
  public:
+  std::function<void(unsigned long)> onBeat;
   void onTime() override {
     ++beats_;
+    if (onBeat) onBeat(beats_);
     timeMinIs(Quor::now() + 0.1);
   }
   unsigned long beats() const { return beats_; }
 
  private:
   unsigned long beats_ = 0;
+};
+
+// A timer on the wheel that counts its firings and re-arms itself a little later.
+class WheelTimer : public Vell::TimerWheel::NotifieeConst {
+ public:
+  explicit WheelTimer(unsigned long* fired) : fired_(fired) {}
+  void onTime() override {
+    ++*fired_;
+    timeMinIs(Quor::now() + 0.5 + 0.01 * static_cast<double>(*fired_ % 150));
+  }
+
+ private:
+  unsigned long* fired_;
+};
+
+// The reactor a review timer paces: each call is one review.
+class Reviewer : public Quor::Clock::NotifieeConst {
+ public:
+  Vell::ReviewTimer* timer = nullptr;
+  unsigned long reviews = 0;
+  void onTime() override {
+    ++reviews;
+    timer->lastReviewIs(Quor::now());
+  }
+};
+
+// Every block of the library at work on the loop, driven by the heartbeat, with the
+// figures `show <block>` prints.
+struct Blocks {
+  Quor::Ptr<Vell::HBitmap> bitmap = Vell::hBitmapFactory(1, 4096, Vell::HBitmap::Clear);
+  Quor::Ptr<Vell::BestFitAllocator> allocator = Vell::bestFitAllocatorFactory("demo ranges", 1024, 0, 64);
+  std::vector<Quor::Ptr<Vell::BFA::Blk>> blocks;
+  unsigned long allocFailures = 0;
+  unsigned long defragMoves = 0;
+  Quor::Ptr<Vell::TimerWheel> wheel;
+  std::vector<Quor::Ptr<WheelTimer>> timers;
+  unsigned long timersFired = 0;
+  Quor::Ptr<Vell::EventClock> eventClock;
+  Quor::Ptr<Reviewer> reviewer = new Reviewer;
+  Quor::Ptr<Vell::ReviewTimer> review;
+  Quor::Ptr<VellExample::KeyedBacklog<std::string, unsigned long>> backlog;
+  unsigned long backlogHandled = 0;
+  Vell::UniqueId agentId;
+  Vell::ConditionStat bitmapMostlySet;
+  Vell::Seqno16 lastBeat{0};
+
+  Blocks(Quor::Ptr<Quor::ActivityConfig> const& activity, Quor::Ptr<Quor::Clock> const& clock) {
+    wheel = Vell::timerWheelFactory(activity, clock, 10, 1 << 16, true, 256);
+    for (int i = 0; i < 200; ++i) {
+      timers.push_back(new WheelTimer(&timersFired));
+      timers.back()->notifierIs(wheel);
+      timers.back()->timeMinIs(Quor::now() + 0.05 * (i + 1));
+    }
+    eventClock = Vell::eventClockFactory(activity, clock, 0.5, 3600);
+    eventClock->start();
+    reviewer->notifierIs(clock);
+    review = Vell::reviewTimerFactory(reviewer.ptr(), 1.0f, 3, 0.2f, 5.0f);
+    reviewer->timer = review.ptr();
+    backlog = VellExample::keyedBacklogFactory<std::string, unsigned long>(
+        clock, 0.002, [this](std::string const&, unsigned long const&) { ++backlogHandled; });
+    agentId.doInit();
+  }
+
+  ~Blocks() {
+    for (auto& t : timers) t->notifierIs(nullptr);
+    reviewer->notifierIs(nullptr);
+    eventClock->stop();
+  }
+
+  void beat(unsigned long n) {
+    lastBeat = Vell::Seqno16(static_cast<Vell::U16>(n));
+    Vell::U32 const bit = static_cast<Vell::U32>((n * 37) % bitmap->size());
+    bitmap->updateBit(bit, bitmap->isBitSet(bit) ? Vell::HBitmap::Clear : Vell::HBitmap::Set);
+    bitmapMostlySet.doUpdate(bitmap->numBitsInSetState() * 2 > bitmap->size(), Quor::now());
+
+    // Ranges: allocate small blocks until the space is busy, then free some at random.
+    if (blocks.size() < 60) {
+      auto b = allocator->alloc(static_cast<Vell::U32>(1 + (n * 7) % 23));
+      if (b) blocks.push_back(b);
+      else ++allocFailures;
+    } else {
+      for (int i = 0; i < 20; ++i) blocks.erase(blocks.begin() + static_cast<long>((n * 13 + i) % blocks.size()));
+    }
+    if (n % 50 == 0) {
+      auto cmds = allocator->defragment();
+      if (cmds) defragMoves += cmds->pendingCmdLogs();
+    }
+
+    for (int i = 0; i < 5; ++i) backlog->updateIs("key" + std::to_string((n + i) % 3), n);  // 5 updates, 3 keys: 2 coalesce
+    review->doUpdateNextReview();
+  }
 };
 
 // SIGINT and SIGTERM arrive as a readable descriptor and stop the loop.
@@ -192,6 +293,8 @@ int main(int argc, char** argv) {
   heartbeat->timeMinIs(Quor::now() + 0.1);
 
   DemoAgent demo(name, loop);
+  Blocks blocks(activity, Quor::clockFactory("demo blocks", activity));
+  heartbeat->onBeat = [&](unsigned long n) { blocks.beat(n); };
 
   // One line per block that runs here.
   demo.showIs("loop", [&] {
@@ -212,6 +315,72 @@ int main(int argc, char** argv) {
         {"acceptReadyCount", number(s->agentsockFd() ? static_cast<double>(s->agentsockFd()->readableCount()) : 0)},
         {"agentSocketCallbacks", number(s->agentSocketCallbacks())},
         {"openClients", number(s->clients())},
+    });
+  });
+
+  demo.showIs("bitmap", [&] {
+    auto const& b = blocks.bitmap;
+    return figureLines({
+        {"size", number(b->size())},
+        {"height", number(b->height())},
+        {"numBitsInSetState", number(b->numBitsInSetState())},
+        {"lowestSetBit", number(b->findBitInSetState(Vell::HBitmap::preferLo))},
+        {"highestSetBit", number(b->findBitInSetState(Vell::HBitmap::preferHi))},
+        {"lowestClearBit", number(b->findBitInClearState(Vell::HBitmap::preferLo))},
+        {"mostlySet", Vell::valueToStrep(blocks.bitmapMostlySet).str()},
+    });
+  });
+  demo.showIs("allocator", [&] {
+    auto const& a = blocks.allocator;
+    return figureLines({
+        {"memSz", number(a->memSz())},
+        {"maxBlkSz", number(a->maxBlkSz())},
+        {"numFreeEntries", number(a->numFreeEntries())},
+        {"liveBlocks", number(static_cast<double>(blocks.blocks.size()))},
+        {"allocFailures", number(static_cast<double>(blocks.allocFailures))},
+        {"defragmentMoves", number(static_cast<double>(blocks.defragMoves))},
+        {"firstBlock", Vell::valueToStrep(blocks.blocks.empty() ? Quor::Ptr<Vell::BFA::Blk>() : blocks.blocks.front()).str()},
+    });
+  });
+  demo.showIs("wheel", [&] {
+    auto const& w = blocks.wheel;
+    return figureLines({
+        {"tickMsecs", number(w->tickMsecs())},
+        {"bucketCount", number(w->bucketCount())},
+        {"maxTicks", number(w->maxTicks())},
+        {"timers", number(w->timers())},
+        {"currentWheelIndex(0)", number(w->currentWheelIndex(0))},
+        {"scheduledWheelIndex", number(w->scheduledWheelIndex())},
+        {"timersFired", number(static_cast<double>(blocks.timersFired))},
+    });
+  });
+  demo.showIs("clocks", [&] {
+    auto const& e = blocks.eventClock;
+    auto const& r = blocks.review;
+    return figureLines({
+        {"eventCheck", number(e->eventCheck())},
+        {"timerExpiration", number(e->timerExpiration())},
+        {"secondsToDeadline", number(e->deadline() - Quor::now(), "%.1f")},
+        {"reviewCredits", number(r->credits())},
+        {"reviewDelay", number(r->delay(), "%.2f")},
+        {"reviews", number(static_cast<double>(blocks.reviewer->reviews))},
+    });
+  });
+  demo.showIs("backlog", [&] {
+    auto const& b = blocks.backlog;
+    return figureLines({
+        {"backlogQuantum", number(b->backlogQuantum(), "%.3f")},
+        {"updatesSeen", number(static_cast<double>(b->updatesSeen()))},
+        {"updatesProcessed", number(static_cast<double>(b->updatesProcessed()))},
+        {"updatesCoalesced", number(static_cast<double>(b->updatesCoalesced()))},
+        {"dispatchCount", number(static_cast<double>(b->dispatchCount()))},
+        {"yieldBeforeFinishing", number(static_cast<double>(b->yieldBeforeFinishingCount()))},
+    });
+  });
+  demo.showIs("ids", [&] {
+    return figureLines({
+        {"agentId", Vell::valueToStrep(blocks.agentId).str()},
+        {"lastBeat", Vell::valueToStrep(blocks.lastBeat).str()},
     });
   });
 

@@ -80,8 +80,10 @@ echo
 echo "== commands through vellctl"
 step 0 "$VELLCTL" "$AGENT" help
 step 0 "$VELLCTL" "$AGENT" show
-step 0 "$VELLCTL" "$AGENT" show loop
-step 0 "$VELLCTL" "$AGENT" show socket
+sleep 1  # let the blocks' workload run for a second, so the figures have moved
+for block in loop socket bitmap allocator wheel clocks backlog ids; do
+  step 0 "$VELLCTL" "$AGENT" show "$block"
+done
 echo
 echo "\$ $VELLCTL $AGENT frobnicate | od -c    (an unknown word: the 17-byte answer)"
 "$VELLCTL" "$AGENT" frobnicate | od -c
