@@ -69,28 +69,26 @@ Quor::Ptr<AgentSocketCallback> agentSocketCallbackFactory(Quor::Name const& name
 // its reactor alive, never the other way round. During a call both are held, since the
 // call may end the connection (and with it the reactor) or drop the handler.
 
-class AgentSocketHandlerSm::QuorAgentsockFd : public Quor::FileDescriptor::NotifieeConst {
+template <class Owner, void (Owner::*handler)()>
+class OwnerReadableReactor : public Quor::FileDescriptor::NotifieeConst {
  public:
-  explicit QuorAgentsockFd(AgentSocketHandlerSm* owner) : owner_(owner) {}
+  explicit OwnerReadableReactor(Owner* owner) : owner_(owner) {}
   void onReadableCount() override {
     if (!owner_ || !notifier()) return;
-    Quor::Ptr<QuorAgentsockFd> self(this);
-    Quor::Ptr<AgentSocketHandlerSm> owner(owner_);
-    owner->handleClientConnection();
+    Quor::Ptr<OwnerReadableReactor> self(this);
+    Quor::Ptr<Owner> owner(owner_);
+    (owner.ptr()->*handler)();
   }
-  AgentSocketHandlerSm* owner_;
+  Owner* owner_;
 };
 
-class ClientSm::QuorClientFd : public Quor::FileDescriptor::NotifieeConst {
- public:
-  explicit QuorClientFd(ClientSm* owner) : owner_(owner) {}
-  void onReadableCount() override {
-    if (!owner_ || !notifier()) return;
-    Quor::Ptr<QuorClientFd> self(this);
-    Quor::Ptr<ClientSm> owner(owner_);
-    owner->handleDataFromClient();
-  }
-  ClientSm* owner_;
+class AgentSocketHandlerSm::QuorAgentsockFd
+    : public OwnerReadableReactor<AgentSocketHandlerSm, &AgentSocketHandlerSm::handleClientConnection> {
+  using OwnerReadableReactor::OwnerReadableReactor;
+};
+
+class ClientSm::QuorClientFd : public OwnerReadableReactor<ClientSm, &ClientSm::handleDataFromClient> {
+  using OwnerReadableReactor::OwnerReadableReactor;
 };
 
 // ---- the listening side ----

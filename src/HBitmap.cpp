@@ -102,6 +102,23 @@ void HBitmap::fillLevels() {
   }
 }
 
+namespace {
+// Sets or clears the bits of `mask` in leaf word w of both trees (they agree at the
+// leaves) and keeps the set-bit count exact.
+inline void writeLeaf(U64* set, U64* clr, U32& numSet, U32 w, U64 mask, bool toSet) {
+  U32 const wasSet = static_cast<U32>(std::popcount(set[w] & mask));
+  if (toSet) {
+    numSet += static_cast<U32>(std::popcount(mask)) - wasSet;
+    set[w] |= mask;
+    clr[w] |= mask;
+  } else {
+    numSet -= wasSet;
+    set[w] &= ~mask;
+    clr[w] &= ~mask;
+  }
+}
+}  // namespace
+
 void HBitmap::updateBit(U32 bit, BitState state) {
   QUOR_TRACE(traceHandle, 1, "HBitmap::updateBit");
   HBITMAP_CHECK(bit, <, size());
@@ -111,16 +128,7 @@ void HBitmap::updateBit(U32 bit, BitState state) {
   U32 const* const base = arrayBaseOffsetForHeight_.data();
   U32 const w = base[0] + bit / 64;
   U64 const mask = U64(1) << (bit % 64);
-  bool const wasSet = set[w] & mask;
-  if (state == Set) {
-    numBitsInSetState_ += !wasSet;
-    set[w] |= mask;
-    clr[w] |= mask;
-  } else {
-    numBitsInSetState_ -= wasSet;
-    set[w] &= ~mask;
-    clr[w] &= ~mask;
-  }
+  writeLeaf(set, clr, numBitsInSetState_, w, mask, state == Set);
   // Every level is rewritten, changed or not: a fixed walk beats a data-dependent exit.
   U64 childSet = set[w], childClr = clr[w];
   for (U32 h = 1; h < height_; ++h) {
@@ -154,16 +162,7 @@ void HBitmap::updateBitsInRange(U32 start, U32 end, BitState state) {
     U64 mask = allOnes;
     if (w == startWord) mask &= allOnes << (start % 64);
     if (w == endWord) mask &= allOnes >> (63 - end % 64);
-    U32 const wasSet = static_cast<U32>(std::popcount(set[w] & mask));
-    if (state == Set) {
-      numBitsInSetState_ += static_cast<U32>(std::popcount(mask)) - wasSet;
-      set[w] |= mask;
-      clr[w] |= mask;
-    } else {
-      numBitsInSetState_ -= wasSet;
-      set[w] &= ~mask;
-      clr[w] &= ~mask;
-    }
+    writeLeaf(set, clr, numBitsInSetState_, w, mask, state == Set);
   }
   // Only the summaries above the changed words can differ, so only they are recomputed:
   // the same result as rebuilding whole levels, at a cost in the range, not the size.

@@ -14,29 +14,29 @@
 
 namespace Quor {
 
-/// Ordered map of values by key, ascending. Iterators stay valid across deletion of
-/// other members, so an iterator works as a bookmark.
-template <class V, class K>
-class RbTreeMap {
+/// The keyed-map operations both maps share: missing members read as the default.
+template <class Map>
+class KeyedMap {
  public:
-  using Map = std::map<K, V>;
+  using Key = typename Map::key_type;
+  using Value = typename Map::mapped_type;
   using Iterator = typename Map::iterator;
   using IteratorConst = typename Map::const_iterator;
 
   /// Inserts or replaces.
-  void memberIs(K const& k, V const& v) { m_.insert_or_assign(k, v); }
+  void memberIs(Key const& k, Value const& v) { m_.insert_or_assign(k, v); }
   /// The member, or a default value when absent.
-  V member(K const& k) const {
+  Value member(Key const& k) const {
     auto it = m_.find(k);
-    return it == m_.end() ? V() : it->second;
+    return it == m_.end() ? Value() : it->second;
   }
-  V* memberPtr(K const& k) {
+  Value* memberPtr(Key const& k) {
     auto it = m_.find(k);
     return it == m_.end() ? nullptr : &it->second;
   }
-  bool contains(K const& k) const { return m_.count(k) != 0; }
+  bool contains(Key const& k) const { return m_.count(k) != 0; }
   /// Returns true when a member was removed.
-  bool memberDel(K const& k) { return m_.erase(k) != 0; }
+  bool memberDel(Key const& k) { return m_.erase(k) != 0; }
   void deleteAll() { m_.clear(); }
   std::size_t members() const { return m_.size(); }
   bool empty() const { return m_.empty(); }
@@ -44,42 +44,27 @@ class RbTreeMap {
   Iterator end() { return m_.end(); }
   IteratorConst begin() const { return m_.begin(); }
   IteratorConst end() const { return m_.end(); }
-  IteratorConst lowerBound(K const& k) const { return m_.lower_bound(k); }
-  IteratorConst upperBound(K const& k) const { return m_.upper_bound(k); }
   Iterator erase(Iterator it) { return m_.erase(it); }
   Map& raw() { return m_; }
   Map const& raw() const { return m_; }
 
- private:
+ protected:
   Map m_;
+};
+
+/// Ordered map of values by key, ascending. Iterators stay valid across deletion of
+/// other members, so an iterator works as a bookmark.
+template <class V, class K>
+class RbTreeMap : public KeyedMap<std::map<K, V>> {
+ public:
+  using typename KeyedMap<std::map<K, V>>::IteratorConst;
+  IteratorConst lowerBound(K const& k) const { return this->m_.lower_bound(k); }
+  IteratorConst upperBound(K const& k) const { return this->m_.upper_bound(k); }
 };
 
 /// Hash map of values by key; iteration order unspecified.
 template <class V, class K, class H = std::hash<K>>
-class HashMap {
- public:
-  using Map = std::unordered_map<K, V, H>;
-  void memberIs(K const& k, V const& v) { m_.insert_or_assign(k, v); }
-  V member(K const& k) const {
-    auto it = m_.find(k);
-    return it == m_.end() ? V() : it->second;
-  }
-  V* memberPtr(K const& k) {
-    auto it = m_.find(k);
-    return it == m_.end() ? nullptr : &it->second;
-  }
-  bool contains(K const& k) const { return m_.count(k) != 0; }
-  bool memberDel(K const& k) { return m_.erase(k) != 0; }
-  void deleteAll() { m_.clear(); }
-  std::size_t members() const { return m_.size(); }
-  auto begin() { return m_.begin(); }
-  auto end() { return m_.end(); }
-  auto begin() const { return m_.begin(); }
-  auto end() const { return m_.end(); }
-
- private:
-  Map m_;
-};
+class HashMap : public KeyedMap<std::unordered_map<K, V, H>> {};
 
 /// A queue in insertion order whose members also hold a small integer index, drawn
 /// from a bounded space (freed indices are reused, lowest first). Slots are made as
