@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,74 +16,51 @@
 
 namespace {
 
-using Quor::Ptr;
-
-std::string vellctlPath() {
+std::string const vellctl = [] {
   char self[4096];
   ssize_t const n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return "";
-  std::string dir(self, static_cast<std::size_t>(n));
-  dir.erase(dir.find_last_of('/'));
-  return dir + "/../tools/vellctl";
-}
+  std::string const exe(self, n > 0 ? static_cast<std::size_t>(n) : 0);
+  return exe.substr(0, exe.find_last_of('/')) + "/../tools/vellctl";
+}();
 
 struct Outcome {
-  int status = -1;  // exit status, or -1 when it did not exit normally
-  std::string out;
-  std::string err;
+  int status;  // exit status, or -1 when it did not exit normally
+  std::string out, err;
 };
 
 std::string contents(int fd) {
   std::string s;
   char buf[65536];
-  ssize_t n;
   ::lseek(fd, 0, SEEK_SET);
-  while ((n = ::read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<std::size_t>(n));
+  for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) > 0;) s.append(buf, static_cast<std::size_t>(n));
   ::close(fd);
   return s;
 }
 
-Outcome runVellctl(std::vector<std::string> const& args) {
-  std::string const path = vellctlPath();
-  int const out = ::memfd_create("vellctl-out", MFD_CLOEXEC);
-  int const err = ::memfd_create("vellctl-err", MFD_CLOEXEC);
+// Runs vellctl and checks its exit status, and that its errors hold `err` (are empty
+// when `err` is).
+Outcome run(std::vector<std::string> args, int status, std::string const& err = "") {
+  int const outFd = ::memfd_create("vellctl-out", MFD_CLOEXEC), errFd = ::memfd_create("vellctl-err", MFD_CLOEXEC);
+  std::string what;
+  for (auto const& a : args) what += " " + a.substr(0, 40);
+  args.insert(args.begin(), vellctl);
   pid_t const pid = ::fork();
   if (pid == 0) {
-    ::dup2(out, STDOUT_FILENO);
-    ::dup2(err, STDERR_FILENO);
-    std::vector<char*> argv{const_cast<char*>(path.c_str())};
-    for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    ::dup2(outFd, STDOUT_FILENO);
+    ::dup2(errFd, STDERR_FILENO);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
-    ::execv(path.c_str(), argv.data());
+    ::execv(vellctl.c_str(), argv.data());
     ::_exit(127);
   }
   int wstatus = 0;
-  while (::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
-  }
-  Outcome o;
-  o.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-  o.out = contents(out);
-  o.err = contents(err);
+  while (::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) continue;
+  Outcome o{WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1, contents(outFd), contents(errFd)};
+  EXPECT_EQ(o.status, status) << "vellctl" << what << ": " << o.err;
+  EXPECT_TRUE(err.empty() ? o.err.empty() : o.err.find(err) != std::string::npos) << "vellctl" << what << ": " << o.err;
   return o;
 }
-
-class FunctionCallback : public Vell::AgentSocketCallback {
- public:
-  FunctionCallback(std::string const& word, std::function<std::string(std::string const&)> f)
-      : AgentSocketCallback("fn " + word, word), f_(std::move(f)) {}
-  void handleCommand(unsigned int d, Quor::String8 args) override {
-    std::string const reply = f_(args.str());
-    std::size_t done = 0;
-    while (done < reply.size()) {
-      ssize_t const w = ::send(static_cast<int>(d), reply.data() + done, reply.size() - done, 0);
-      if (w <= 0) return;
-      done += static_cast<std::size_t>(w);
-    }
-  }
-
- private:
-  std::function<std::string(std::string const&)> f_;
-};
 
 std::string bigReply() {
   std::string s(3 << 20, '\0');
@@ -93,112 +68,79 @@ std::string bigReply() {
   return s;
 }
 
+// "echo" replies its argument text and a newline; "big" more than the socket buffers
+// hold (a blocking send writes it all).
+struct Echo : Vell::AgentSocketCallback {
+  explicit Echo(std::string const& word) : AgentSocketCallback("echo " + word, word) {}
+  void handleCommand(unsigned int d, Quor::String8 args) override {
+    std::string const reply = commandType().str() == "big" ? bigReply() : args.str() + "\n";
+    (void)!::send(static_cast<int>(d), reply.data(), reply.size(), 0);
+  }
+};
+
 // An agent in a child process, serving until killed.
-class ChildAgent {
- public:
-  ChildAgent() : name_("vc" + std::to_string(::getpid()) + "-agent") {
+struct ChildAgent {
+  std::string const name = "vc" + std::to_string(::getpid()) + "-agent";
+  pid_t pid = -1;
+  ChildAgent() {
     int ready[2];
     EXPECT_EQ(::pipe(ready), 0);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::close(ready[0]);
-      auto handler = Vell::agentSocketHandlerSmFactory(name_);
-      handler->agentSocketCallbackIs(new FunctionCallback("echo", [](std::string const& a) { return a + "\n"; }));
-      handler->agentSocketCallbackIs(new FunctionCallback("big", [](std::string const&) { return bigReply(); }));
+    if ((pid = ::fork()) == 0) {
+      auto handler = Vell::agentSocketHandlerSmFactory(name);
+      handler->agentSocketCallbackIs(new Echo("echo"));
+      handler->agentSocketCallbackIs(new Echo("big"));
       (void)!::write(ready[1], "r", 1);
       Quor::quorActivitySmFor(nullptr)->run();
       ::_exit(0);
     }
-    ::close(ready[1]);
+    ::close(ready[1]);  // a child that dies before it is ready ends the read
     char c;
     EXPECT_EQ(::read(ready[0], &c, 1), 1) << "the agent did not start";
     ::close(ready[0]);
   }
   ~ChildAgent() {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
   }
-  std::string const& name() const { return name_; }
-  pid_t pid() const { return pid_; }
-
- private:
-  std::string name_;
-  pid_t pid_ = -1;
 };
 
 class VellctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::access(vellctlPath().c_str(), X_OK) != 0) GTEST_SKIP() << "vellctl is not built";
+    if (::access(vellctl.c_str(), X_OK) != 0) GTEST_SKIP() << "vellctl is not built";
     if (!Vell::agentSocketSendBufferForceAllowed()) GTEST_SKIP() << "needs CAP_NET_ADMIN";
   }
 };
 
-TEST_F(VellctlTest, PrintsTheReplyAndExitsZero) {
+TEST_F(VellctlTest, RepliesLimitListingAndTimeout) {
   ChildAgent agent;
-  Outcome o = runVellctl({agent.name(), "echo", "a  b", "c"});
-  EXPECT_EQ(o.status, 0);
-  EXPECT_EQ(o.out, "a  b c\n") << "arguments joined by single blanks, kept as given";
-  EXPECT_EQ(o.err, "");
+  EXPECT_EQ(run({agent.name, "echo", "a  b", "c"}, 0).out, "a  b c\n") << "arguments joined by single blanks";
+  EXPECT_EQ(run({"--timeout", "5", agent.name, "nosuch"}, 0).out, "Unknown Command \n");
+  std::string const big = run({"--timeout=5", agent.name, "big"}, 0).out;
+  EXPECT_TRUE(big == bigReply()) << "a reply larger than the socket buffers arrives whole (" << big.size() << " bytes)";
 
-  o = runVellctl({"--timeout", "5", agent.name(), "nosuch"});
-  EXPECT_EQ(o.status, 0);
-  EXPECT_EQ(o.out, "Unknown Command \n");
+  EXPECT_EQ(run({agent.name, "echo", std::string(1022, 'x')}, 0).out, std::string(1022, 'x') + "\n");
+  Outcome const tooLong = run({agent.name, "echo", std::string(1023, 'x')}, 1, "1028 bytes");
+  EXPECT_EQ(tooLong.out, "");
+  EXPECT_NE(tooLong.err.find("1027"), std::string::npos) << tooLong.err;
 
-  o = runVellctl({"--timeout=5", agent.name(), "big"});
-  EXPECT_EQ(o.status, 0);
-  EXPECT_TRUE(o.out == bigReply()) << "a reply larger than the socket buffers arrives whole (" << o.out.size()
-                                   << " bytes)";
-}
+  std::string const line = agent.name + " " + std::to_string(agent.pid) + "\n";
+  EXPECT_NE(run({"--list"}, 0).out.find(line), std::string::npos) << "--list lacks " << line;
 
-TEST_F(VellctlTest, RequestsAreLimitedTo1027Bytes) {
-  ChildAgent agent;
-  Outcome o = runVellctl({agent.name(), "echo", std::string(1022, 'x')});
-  EXPECT_EQ(o.status, 0);
-  EXPECT_EQ(o.out, std::string(1022, 'x') + "\n");
-
-  o = runVellctl({agent.name(), "echo", std::string(1023, 'x')});
-  EXPECT_EQ(o.status, 1);
-  EXPECT_EQ(o.out, "");
-  EXPECT_NE(o.err.find("1028 bytes"), std::string::npos) << o.err;
-  EXPECT_NE(o.err.find("1027"), std::string::npos) << o.err;
-}
-
-TEST_F(VellctlTest, ListShowsListeningAgentsWithTheirProcess) {
-  ChildAgent agent;
-  Outcome const o = runVellctl({"--list"});
-  EXPECT_EQ(o.status, 0);
-  std::string const line = agent.name() + " " + std::to_string(agent.pid()) + "\n";
-  EXPECT_NE(o.out.find(line), std::string::npos) << o.out;
+  ::kill(agent.pid, SIGSTOP);
+  run({"--timeout", "0.3", agent.name, "echo", "x"}, 3, "timed out after 0.3 s");
+  ::kill(agent.pid, SIGCONT);
+  EXPECT_EQ(run({agent.name, "echo", "again"}, 0).out, "again\n");
 }
 
 TEST_F(VellctlTest, MissingAgentUsageAndBadArguments) {
   std::string const missing = "vc" + std::to_string(::getpid()) + "-nobody";
-  Outcome o = runVellctl({missing, "echo"});
-  EXPECT_EQ(o.status, 2);
-  EXPECT_EQ(o.out, "");
-  EXPECT_NE(o.err.find("no agent named '" + missing + "'"), std::string::npos) << o.err;
-
-  o = runVellctl({"--help"});
-  EXPECT_EQ(o.status, 0);
-  EXPECT_EQ(o.out.rfind("Usage: vellctl", 0), 0u);
-  for (auto const& bad : std::vector<std::vector<std::string>>{
-           {}, {"agent"}, {"--timeout", "0", "a", "b"}, {"--timeout", "x", "a", "b"}, {"--timeout"},
-           {"--frobnicate", "a", "b"}, {"a", ""}, {"--list", "extra"}}) {
-    o = runVellctl(bad);
-    EXPECT_EQ(o.status, 1) << (bad.empty() ? "" : bad[0]);
-    EXPECT_NE(o.err.find("vellctl: "), std::string::npos);
-  }
-}
-
-TEST_F(VellctlTest, TimeoutBoundsAStalledAgent) {
-  ChildAgent agent;
-  ::kill(agent.pid(), SIGSTOP);
-  Outcome const o = runVellctl({"--timeout", "0.3", agent.name(), "echo", "x"});
-  ::kill(agent.pid(), SIGCONT);
-  EXPECT_EQ(o.status, 3);
-  EXPECT_NE(o.err.find("timed out after 0.3 s"), std::string::npos) << o.err;
-  EXPECT_EQ(runVellctl({agent.name(), "echo", "again"}).out, "again\n");
+  EXPECT_EQ(run({missing, "echo"}, 2, "no agent named '" + missing + "'").out, "");
+  EXPECT_EQ(run({"--help"}, 0).out.rfind("Usage: vellctl", 0), 0u);
+  std::vector<std::vector<std::string>> const bad = {
+      {}, {"agent"}, {"--timeout", "0", "a", "b"}, {"--timeout", "x", "a", "b"}, {"--timeout"},
+      {"--frobnicate", "a", "b"}, {"a", ""}, {"--list", "extra"}};
+  for (auto const& args : bad) run(args, 1, "vellctl: ");
 }
 
 }  // namespace
