@@ -1,11 +1,13 @@
-// EventClock under virtual time: the tick sequence, observers that stop and restart
-// the clock from their handlers, lifetime, and a random run against a model.
+// EventClock under virtual time: the tick sequence and its traces, observers that stop
+// and restart the clock from their handlers, the tick source and lifetime, and random
+// starts, stops and runs against a model.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <random>
 #include <sstream>
+#include <tuple>
 
 #include <Vell/EventClock.h>
 
@@ -31,13 +33,6 @@ struct Recorder : EventClock::NotifieeConst {
   void onTimerExpiration() override { note("expiry"); }
 };
 
-struct Counted : EventClock {
-  static inline int live = 0;
-  template <class... A>
-  explicit Counted(A&&... a) : EventClock(std::forward<A>(a)...) { ++live; }
-  ~Counted() override { --live; }
-};
-
 class EventClockTest : public ::testing::Test {
  protected:
   Quor::VirtualTime vt{t0};
@@ -46,9 +41,17 @@ class EventClockTest : public ::testing::Test {
   Quor::Ptr<Recorder> rec{new Recorder};
   Quor::Ptr<EventClock> ec;
 
+  // A new clock observed by `rec`, whose log starts afresh.
   void make(Seconds interval, Seconds timeout) {
     ec = Vell::eventClockFactory(clock->activity(), clock, interval, timeout);
     rec->notifierIs(ec);
+    rec->log.str("");
+  }
+  // Starts the clock, runs the loop until `until` and returns what the observer saw.
+  std::string startAndRun(Seconds until) {
+    ec->start();
+    loop->runUntil(until);
+    return rec->log.str();
   }
   void TearDown() override {
     rec->notifierIs(nullptr);
@@ -69,10 +72,8 @@ TEST_F(EventClockTest, ChecksEachIntervalThenExpiresOnce) {
   Quor::traceSinkIs({});
 
   EXPECT_EQ(rec->log.str(), "deadline@0 check@0 check@1 check@2 check@3 expiry@4");
-  EXPECT_EQ(ec->eventCheck(), 4u);
-  EXPECT_EQ(ec->timerExpiration(), 1u);
-  EXPECT_EQ(ec->deadline(), t0 + 3.5);
-  EXPECT_FALSE(ec->polling());
+  EXPECT_EQ(std::tuple(ec->eventCheck(), ec->timerExpiration(), ec->deadline(), ec->polling()),
+            std::tuple(4u, 1u, t0 + 3.5, false));
   std::vector<std::string> expected{"start Now: 1000, deadline: 1003.5 polling interval: 1"};
   for (int t = 1; t <= 4; ++t)
     expected.insert(expected.end(), {"handleClock", "handleClock Retriggering timer to " + std::to_string(1000 + t)});
@@ -80,92 +81,58 @@ TEST_F(EventClockTest, ChecksEachIntervalThenExpiresOnce) {
   EXPECT_EQ(traces, expected);
 }
 
-TEST_F(EventClockTest, ObserverStopsOnItsEvent) {
+TEST_F(EventClockTest, ObserversStopAndRestartFromTheirHandlers) {
   make(1, 3.5);
   rec->react = [&](std::string const& what) {
-    if (what == "check" && ec->eventCheck() == 2) ec->stop();
+    if (what == "check" && ec->eventCheck() == 2) ec->stop();  // the next tick is already armed
   };
-  ec->start();
-  loop->runUntil(t0 + 10);
-  EXPECT_EQ(rec->log.str(), "deadline@0 check@0 check@1");
-  EXPECT_EQ(ec->timerExpiration(), 0u);
+  EXPECT_EQ(startAndRun(t0 + 10), "deadline@0 check@0 check@1");
   EXPECT_FALSE(ec->polling());
-}
 
-TEST_F(EventClockTest, ObserverRestartsOnExpiry) {
   make(1, 1.5);
   rec->react = [&](std::string const& what) {
-    if (what == "expiry" && ec->timerExpiration() < 3) ec->start();
+    if (what == "expiry" && ec->timerExpiration() < 3) ec->start();  // the clock is already stopped
   };
-  ec->start();
-  loop->runUntil(t0 + 10);
-  EXPECT_EQ(rec->log.str(),
-            "deadline@0 check@0 check@1 expiry@2 deadline@2 check@2 check@3 expiry@4 "
-            "deadline@4 check@4 check@5 expiry@6");
-  EXPECT_EQ(ec->eventCheck(), 6u);  // counters run on across restarts
-  EXPECT_EQ(ec->timerExpiration(), 3u);
+  EXPECT_EQ(startAndRun(t0 + 20),
+            "deadline@10 check@10 check@11 expiry@12 deadline@12 check@12 check@13 expiry@14 "
+            "deadline@14 check@14 check@15 expiry@16");
+  EXPECT_EQ(std::pair(ec->eventCheck(), ec->timerExpiration()), std::pair(6u, 3u));  // across restarts
 }
 
-TEST_F(EventClockTest, RestartWhilePollingMovesTheDeadlineAndChecksAtOnce) {
+TEST_F(EventClockTest, StartWhilePollingOrWithANegativeTimeout) {
   make(1, 3.5);
   ec->start();
   loop->runUntil(t0 + 1.5);
-  ec->start();  // the tick due at 2 is replaced by the new series
-  loop->runUntil(t0 + 10);
-  EXPECT_EQ(rec->log.str(),
+  EXPECT_EQ(startAndRun(t0 + 10),  // moves the deadline and checks at once; the tick due at 2 goes
             "deadline@0 check@0 check@1 deadline@1.5 check@1.5 check@2.5 check@3.5 check@4.5 expiry@5.5");
-  ec->start();
-  ec->start();  // same instant: the deadline is unchanged and not notified again
-  EXPECT_EQ(rec->log.str(),
-            "deadline@0 check@0 check@1 deadline@1.5 check@1.5 check@2.5 check@3.5 check@4.5 expiry@5.5 "
-            "deadline@10 check@10 check@10");
-}
-
-TEST_F(EventClockTest, NegativeAndZeroTimeouts) {
   make(1, -1);
   ec->start();  // expires in the first check, without one
-  EXPECT_EQ(rec->log.str(), "deadline@0 expiry@0");
-  EXPECT_EQ(ec->deadline(), t0 - 1);
+  ec->start();  // the same instant: the same deadline, not notified again
+  EXPECT_EQ(rec->log.str(), "deadline@10 expiry@10 expiry@10");
+  EXPECT_EQ(ec->deadline(), t0 + 9);
   EXPECT_FALSE(ec->polling());
-  ec->timeoutIs(0);
-  loop->runUntil(t0 + 1);
-  ec->start();  // the deadline instant itself is in time
-  loop->runUntil(t0 + 5);
-  EXPECT_EQ(rec->log.str(), "deadline@0 expiry@0 deadline@1 check@1 expiry@2");
 }
 
-TEST_F(EventClockTest, SettersNotifyOnlyOnChange) {
-  make(1, 3.5);
-  ec->deadlineIs(0);
-  ec->eventCheckIs(0);
-  ec->eventCheckInc(0);
-  ec->timerExpirationIs(0);
-  EXPECT_EQ(rec->log.str(), "");
-  ec->eventCheckIs(U32(-1));
-  ec->eventCheckInc();  // wraps, and still notifies
-  ec->timerExpirationInc(2);
-  ec->deadlineIs(5);
-  EXPECT_EQ(rec->log.str(), "check@0 check@0 expiry@0 deadline@0");
-  EXPECT_EQ(ec->eventCheck(), 0u);
-}
-
-TEST_F(EventClockTest, BoundsOfIntervalAndTimeout) {
-  auto expectRange = [](auto f, char const* text) {
+TEST_F(EventClockTest, BoundsAndCounterWrap) {
+  auto rangeText = [](auto f) -> std::string {
     try {
       f();
-      ADD_FAILURE() << "no exception for " << text;
     } catch (Quor::RangeException const& e) {
-      EXPECT_STREQ(e.what(), text);
+      return e.what();
     }
+    return "";
   };
-  expectRange([&] { make(-0.5, 1); }, "EventClock::pollingInterval < 0 or > inf not allowed");
-  expectRange([&] { make(std::nan(""), 1); }, "EventClock::pollingInterval < 0 or > inf not allowed");
-  expectRange([&] { make(1, std::nan("")); }, "EventClock::timeout < -inf or > inf not allowed");
+  EXPECT_EQ(rangeText([&] { make(-0.5, 1); }), "EventClock::pollingInterval < 0 or > inf not allowed");
+  EXPECT_EQ(rangeText([&] { make(1, std::nan("")); }), "EventClock::timeout < -inf or > inf not allowed");
   make(0.5, Quor::endOfTime);
-  expectRange([&] { ec->pollingIntervalIs(-1); }, "EventClock::pollingInterval < 0 or > inf not allowed");
-  expectRange([&] { ec->timeoutIs(std::nan("")); }, "EventClock::timeout < -inf or > inf not allowed");
-  EXPECT_EQ(ec->pollingInterval(), 0.5);
-  EXPECT_EQ(ec->timeout(), Quor::endOfTime);
+  EXPECT_THROW(ec->pollingIntervalIs(std::nan("")), Quor::RangeException);
+  EXPECT_THROW(ec->timeoutIs(std::nan("")), Quor::RangeException);
+  EXPECT_EQ(std::pair(ec->pollingInterval(), ec->timeout()), std::pair(0.5, Quor::endOfTime));  // unchanged
+
+  ec->eventCheckIs(U32(-1));
+  ec->eventCheckInc();  // wraps, and still notifies
+  EXPECT_EQ(rec->log.str(), "check@0 check@0");
+  EXPECT_EQ(ec->eventCheck(), 0u);
 }
 
 TEST_F(EventClockTest, ReplacingAndRemovingTheClock) {
@@ -178,37 +145,25 @@ TEST_F(EventClockTest, ReplacingAndRemovingTheClock) {
   EXPECT_TRUE(ec->clock()->notifier() == other);
   loop->runUntil(t0 + 2.5);
   ec->clockDel();
-  loop->runUntil(t0 + 10);
-  EXPECT_EQ(rec->log.str(), "deadline@0 check@0 check@1 clock@1.5 check@2 clock@2.5");
-  EXPECT_FALSE(ec->polling());
-  ec->start();  // without a tick source: one check, nothing scheduled
-  EXPECT_EQ(ec->eventCheck(), 4u);
+  EXPECT_EQ(startAndRun(t0 + 10), "deadline@0 check@0 check@1 clock@1.5 check@2 clock@2.5 deadline@2.5 check@2.5");
+  EXPECT_FALSE(ec->polling());  // without a tick source: one check, nothing scheduled
   EXPECT_EQ(loop->armedClockReactors(), 0u);
 }
 
-TEST_F(EventClockTest, LastReferenceEndsItEvenFromInsideAHandler) {
-  ec = Quor::makeEntity<Counted>(nullptr, clock, 1, 10);
-  ASSERT_EQ(Counted::live, 1);
-  ec->start();
+// An observer detaches and drops the last reference from its handler, while the clock's
+// reactor is armed: the reactor's back pointer does not keep the clock alive, and the
+// clock disarms and unhooks it as it goes.
+TEST_F(EventClockTest, LastReferenceDroppedInsideAHandler) {
+  make(1, 10);
   Quor::Ptr<EventClock::QuorClock const> reactor = ec->clock();
-  ec = nullptr;  // the armed reactor's back pointer does not keep it alive
-  EXPECT_EQ(Counted::live, 0);
-  EXPECT_EQ(reactor->eventClock(), nullptr);
-  EXPECT_EQ(loop->armedClockReactors(), 0u);
-  loop->runUntil(t0 + 3);
-
-  // An observer that detaches and drops the last reference in its own handler.
-  ec = Quor::makeEntity<Counted>(nullptr, clock, 1, 10);
-  rec->notifierIs(ec);
   rec->react = [&](std::string const& what) {
     if (what != "check" || ec->eventCheck() < 2) return;
     rec->notifierIs(nullptr);
     ec = nullptr;
   };
-  ec->start();
-  loop->runUntil(t0 + 10);
-  EXPECT_EQ(Counted::live, 0);
-  EXPECT_EQ(rec->log.str(), "deadline@3 check@3 check@4");
+  EXPECT_EQ(startAndRun(t0 + 10), "deadline@0 check@0 check@1");
+  EXPECT_EQ(reactor->eventClock(), nullptr);
+  EXPECT_EQ(loop->armedClockReactors(), 0u);
 }
 
 // The model: one tick at a time, in plain arithmetic.
@@ -233,6 +188,8 @@ struct Model {
   }
 };
 
+// Negative, zero and exact-multiple timeouts, restarts while polling and stops, against
+// the model.
 TEST_F(EventClockTest, MatchesModelOverRandomStartsStopsAndRuns) {
   for (unsigned seed = 1; seed <= 6; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -253,10 +210,9 @@ TEST_F(EventClockTest, MatchesModelOverRandomStartsStopsAndRuns) {
         m.runTo(until);
         loop->runUntil(until);
       }
-      ASSERT_EQ(ec->eventCheck(), m.checks) << "step " << step;
-      ASSERT_EQ(ec->timerExpiration(), m.expiries) << "step " << step;
-      ASSERT_EQ(ec->deadline(), m.deadline) << "step " << step;
-      ASSERT_EQ(ec->clock()->timeMin(), m.next) << "step " << step;
+      ASSERT_EQ(std::tuple(ec->eventCheck(), ec->timerExpiration(), ec->deadline(), ec->clock()->timeMin()),
+                std::tuple(m.checks, m.expiries, m.deadline, m.next))
+          << "step " << step;
     }
   }
 }
