@@ -3,6 +3,8 @@
 // text forms, traces and assertion texts.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -19,6 +21,8 @@ using Runs = std::map<U32, U32>;                // relative start -> size
 using Moves = std::vector<std::array<U32, 3>>;  // old start, new start, size
 
 namespace {
+
+using VellTest::rangeText;
 
 // The model: per relative index, 0 when free, else 1 + the start of the block holding it.
 // Free runs and live blocks are read off it, so they are maximal and tile the space by
@@ -225,11 +229,6 @@ TEST(BestFitAllocator, ManyRunsGrowAndShrinkTheIndex) {
   }
 }
 
-// The text of the RangeException f throws.
-std::string rangeError(auto&& f) {
-  try { f(); } catch (Quor::RangeException const& e) { return e.what(); }
-  return "no exception";
-}
 
 TEST(BestFitAllocator, CornerCasesAndResizing) {
   Harness d(1000, 50, 100, 1);  // runs: 90 at 10, 170 at 130, 640 at 360; no sized run holds 100
@@ -255,7 +254,7 @@ TEST(BestFitAllocator, CornerCasesAndResizing) {
   EXPECT_EQ(h.a->memSz(), 60u);
   walk(*h.a, h.m);
   // No absolute index may reach 0xFFFFFFFF; a refused size changes nothing.
-  EXPECT_EQ(rangeError([&] { h.a->resizeMemory(0xFFFFFFFEu - 6); }), "BestFitAllocator::memSz < 0 or > 4294967287 not allowed");
+  EXPECT_EQ(rangeText([&] { h.a->resizeMemory(0xFFFFFFFEu - 6); }), "BestFitAllocator::memSz < 0 or > 4294967287 not allowed");
   h.a->resizeMemory(0xFFFFFFFEu - 7);
   EXPECT_EQ(h.a->numFreeEntries(), 0xFFFFFFFEu - 7 - 60);
   // The commands keep the blocks they moved after the caller lets go, the blocks keep the
@@ -284,7 +283,7 @@ TEST(BestFitAllocatorText, ValuesPrintAndParseBack) {
   EXPECT_EQ(Vell::valueToStrep(none), "Value('Vell::BFA::PendingCmd', ** {'oldIndex': 0, 'blk': None})");
   EXPECT_EQ(Quor::strepToValue<Vell::BFA::PendingCmd>(Vell::valueToStrep(none)), none);
   char const* const badBlk = "Value('Vell::BFA::PendingCmd', ** {'blk': Value('Vell::BFA::Blk', ** {'at': 1})})";
-  EXPECT_EQ(rangeError([&] { Quor::strepToValue<Vell::BFA::PendingCmd>(badBlk); }), "Blk has no such attribute: at in attribute blk");
+  EXPECT_EQ(rangeText([&] { Quor::strepToValue<Vell::BFA::PendingCmd>(badBlk); }), "Blk has no such attribute: at in attribute blk");
 }
 
 TEST(BestFitAllocatorText, PendingCmdsIsAnIndexedQueue) {
@@ -295,7 +294,7 @@ TEST(BestFitAllocatorText, PendingCmdsIsAnIndexedQueue) {
   EXPECT_EQ(q->pendingCmdLogDeq(), c2);
   EXPECT_EQ(q->pendingCmdLogDeq(), c1);
   EXPECT_EQ(q->pendingCmdLogHead(), 0xFFFFFFFFu);
-  EXPECT_EQ(rangeError([&] { q->pendingCmdLogDeq(); }), "linkqueue index out of range");
+  EXPECT_EQ(rangeText([&] { q->pendingCmdLogDeq(); }), "linkqueue index out of range");
 }
 
 TEST(BestFitAllocatorTrace, OperationsTraceAtDetailLevelOnly) {

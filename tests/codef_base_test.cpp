@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <cmath>
 #include <deque>
 #include <map>
@@ -14,6 +16,8 @@
 #include "../examples/KeyedBacklog.h"
 
 namespace {
+
+using VellTest::rangeText;
 
 using Vell::U64;
 using Calls = std::vector<std::pair<int, int>>;
@@ -228,15 +232,6 @@ TEST_F(CodefBaseTest, HandlerExceptionKeepsTheEntry) {
   EXPECT_EQ(calls, (Calls{{1, 0}, {2, 0}, {3, 0}}));
 }
 
-template <class F>
-std::string rangeText(F f) {
-  try {
-    f();
-  } catch (Quor::RangeException const& e) {
-    return e.what();
-  }
-  return "no exception";
-}
 
 TEST_F(CodefBaseTest, BoundsAndNullClock) {
   auto b = recording(0.5);

@@ -3,6 +3,8 @@
 // starts, stops and runs against a model.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <cmath>
 #include <functional>
 #include <random>
@@ -12,6 +14,8 @@
 #include <Vell/EventClock.h>
 
 namespace {
+
+using VellTest::rangeText;
 
 using Quor::Seconds;
 using Vell::EventClock;
@@ -114,14 +118,6 @@ TEST_F(EventClockTest, StartWhilePollingOrWithANegativeTimeout) {
 }
 
 TEST_F(EventClockTest, BoundsAndCounterWrap) {
-  auto rangeText = [](auto f) -> std::string {
-    try {
-      f();
-    } catch (Quor::RangeException const& e) {
-      return e.what();
-    }
-    return "";
-  };
   EXPECT_EQ(rangeText([&] { make(-0.5, 1); }), "EventClock::pollingInterval < 0 or > inf not allowed");
   EXPECT_EQ(rangeText([&] { make(1, std::nan("")); }), "EventClock::timeout < -inf or > inf not allowed");
   make(0.5, Quor::endOfTime);

@@ -2,6 +2,8 @@
 // invariant walker; the level layout; text forms, bad arguments, traces, assertion texts.
 #include <gtest/gtest.h>
 
+#include "TestSupport.h"
+
 #include <Vell/HBitmap.h>
 #include <Vell/ValueTypes.h>
 
@@ -15,6 +17,8 @@ using Vell::U32;
 using Vell::U64;
 
 namespace {
+
+using VellTest::rangeText;
 
 using State = HBitmap::BitState;
 using Pref = HBitmap::IndexPreference;
@@ -130,21 +134,16 @@ TEST(HBitmap, LevelLayout) {
     }
 }
 
-// The text of the RangeException f throws.
-std::string rangeError(auto&& f) {
-  try { f(); } catch (Quor::RangeException const& e) { return e.what(); }
-  return "no exception";
-}
 
 TEST(HBitmap, TextFormsAndBadArguments) {
   EXPECT_EQ((std::vector<std::string>{Vell::valueToStrep(HBitmap::Set).str(), Vell::valueToStrep(State(7)).str(),
                                       Vell::valueToStrep(Pref(2)).str(), Vell::valueToStrep(HBitmap::LogicalOp(3)).str()}),
             (std::vector<std::string>{"Set", "HBitmap::BitState(7)", "HBitmap::IndexPreference(2)", "HBitmap::LogicalOp(3)"}));
   auto b = Vell::hBitmapFactory(1, 100, HBitmap::Clear);
-  EXPECT_EQ(rangeError([] { Vell::hBitmapFactory(1, 8, State(2)); }), "HBitmap::initialBitState < 0 or > 1 not allowed");
-  EXPECT_EQ(rangeError([&] { b->updateBitsInRange(3, 9, State(2)); }), "HBitmap::state < 0 or > 1 not allowed");
-  EXPECT_EQ(rangeError([&] { b->findBitInState(Pref(2), HBitmap::Set); }), "HBitmap::indexPref < 0 or > 1 not allowed");
-  EXPECT_EQ(rangeError([&] { b->doAnd(nullptr); }), "null _hbmp parameter to mutator for Vell::HBitmap::hbmp not allowed\"");
+  EXPECT_EQ(rangeText([] { Vell::hBitmapFactory(1, 8, State(2)); }), "HBitmap::initialBitState < 0 or > 1 not allowed");
+  EXPECT_EQ(rangeText([&] { b->updateBitsInRange(3, 9, State(2)); }), "HBitmap::state < 0 or > 1 not allowed");
+  EXPECT_EQ(rangeText([&] { b->findBitInState(Pref(2), HBitmap::Set); }), "HBitmap::indexPref < 0 or > 1 not allowed");
+  EXPECT_EQ(rangeText([&] { b->doAnd(nullptr); }), "null _hbmp parameter to mutator for Vell::HBitmap::hbmp not allowed\"");
 }
 
 TEST(HBitmap, TracesNameTheOperationAndItsDetails) {
