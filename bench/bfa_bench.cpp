@@ -3,6 +3,11 @@
 //
 //   Churn/N        steady state with N live blocks: drop a random block, allocate one of
 //                  a random size (1..32) in its place. One iteration = one free + one alloc.
+//                  Victims are drawn two iterations ahead and the caller's slot and handle
+//                  are loaded early, as a caller freeing a block it has just used would have
+//                  them: the loop times the allocator, not the caller's own cache misses on
+//                  its array of a million handles.
+//   ChurnColdVictim/N  the same with the victim's slot and handle loaded only when dropped.
 //   ReallocChurn/N drop a random block and claim a random part of its range with realloc.
 //   ReallocProbe/N realloc of a random range anywhere; most of them find entries in use.
 //   Defragment/N   compact a space where half of N blocks were dropped at random.
@@ -36,6 +41,31 @@ struct Rng {  // xorshift: cheap, so that the loop measures the allocators
   U32 below(U32 n) { return static_cast<U32>((Vell::U64(next()) * n) >> 32); }
 };
 
+// The next victims, drawn ahead of use: Victims<2> gives each one two iterations' notice.
+template <class T>
+struct Victims {
+  std::vector<T>& live;
+  Rng rng{0x2545f4914f6cdd1dull};
+  U32 next = rng.below(U32(live.size()));
+  U32 after = rng.below(U32(live.size()));
+
+  explicit Victims(std::vector<T>& l) : live(l) {}
+  /// The slot to drop now. Starts loading the slot of the one after and the handle of
+  /// the next (when it is a pointer).
+  T& take(bool warm) {
+    T& victim = live[next];
+    next = after;
+    after = rng.below(U32(live.size()));
+    if (warm) {
+      __builtin_prefetch(&live[after]);
+      if constexpr (requires { live[next].ptr(); }) {
+        if (auto const* h = live[next].ptr()) __builtin_prefetch(h, 1);
+      }
+    }
+    return victim;
+  }
+};
+
 U32 spaceFor(U32 live) { return live * (maxSz + 1) / 2 * 5 / 4; }
 U32 warmUp(U32 live) { return std::min<U32>(live, 20000); }
 
@@ -45,14 +75,15 @@ struct BestFit {
   Quor::Ptr<Vell::BestFitAllocator> a;
   std::vector<Quor::Ptr<Vell::BFA::Blk>> live;
   Rng rng;
+  Victims<Quor::Ptr<Vell::BFA::Blk>> victims{live};
   Vell::U64 misses = 0;
 
   explicit BestFit(U32 n) : a(Vell::bestFitAllocatorFactory("bench", spaceFor(n), 0, maxSz)), live(n) {
     for (auto& b : live) b = a->alloc(1 + rng.below(maxSz));
     for (U32 i = 0; i < warmUp(n); ++i) churn();
   }
-  void churn() {
-    auto& slot = live[rng.below(U32(live.size()))];
+  void churn(bool warm = true) {
+    auto& slot = victims.take(warm);
     slot = nullptr;
     slot = a->alloc(1 + rng.below(maxSz));
     misses += !slot;
@@ -81,6 +112,7 @@ struct FirstFit {
   std::map<U32, U32> free;  // start -> size
   std::vector<Block> live;
   Rng rng;
+  Victims<Block> victims{live};
   Vell::U64 misses = 0;
 
   explicit FirstFit(U32 n) : memSz(spaceFor(n)), live(n) {
@@ -122,8 +154,8 @@ struct FirstFit {
     if (start + sz < f + s) free.emplace(start + sz, f + s - start - sz);
     return Block{start, sz};
   }
-  void churn() {
-    auto& slot = live[rng.below(U32(live.size()))];
+  void churn(bool warm = true) {
+    auto& slot = victims.take(warm);
     release(slot);
     slot = alloc(1 + rng.below(maxSz));
     misses += !slot.sz;
@@ -152,11 +184,11 @@ A& steady(U32 n) {
   return *s;
 }
 
-template <class A>
+template <class A, bool warm = true>
 void Churn(benchmark::State& state) {
   A& a = steady<A>(U32(state.range(0)));
   Vell::U64 const misses = a.misses;
-  for (auto _ : state) a.churn();
+  for (auto _ : state) a.churn(warm);
   state.SetItemsProcessed(state.iterations());
   state.counters["misses"] = double(a.misses - misses);
   if constexpr (std::is_same_v<A, BestFit>) {
@@ -206,6 +238,11 @@ void Defragment(benchmark::State& state) {
 
 BENCHMARK_TEMPLATE(Churn, BestFit)->Arg(1000)->Arg(100000)->Arg(1000000);
 BENCHMARK_TEMPLATE(Churn, FirstFit)->Arg(1000)->Arg(100000)->Arg(1000000);
+template <class A>
+void ChurnColdVictim(benchmark::State& state) {
+  Churn<A, false>(state);
+}
+BENCHMARK_TEMPLATE(ChurnColdVictim, BestFit)->Arg(1000)->Arg(1000000);
 BENCHMARK_TEMPLATE(ReallocChurn, BestFit)->Arg(1000)->Arg(1000000);
 BENCHMARK_TEMPLATE(ReallocChurn, FirstFit)->Arg(1000)->Arg(1000000);
 BENCHMARK_TEMPLATE(ReallocProbe, BestFit)->Arg(1000)->Arg(1000000);

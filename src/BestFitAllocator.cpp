@@ -16,37 +16,36 @@ constexpr int detail = 7;
 
 }  // namespace
 
-// ---- the index of free runs by position -------------------------------------------
+// ---- ordered indexes -------------------------------------------------------------
 
-/// Free runs keyed by relative start, valued by size. Runs never overlap, so ordering
-/// by start is also ordering by last index: the "by end" view is answered from the same
-/// index (the run at or before an index, and whether it ends there), and the two views
-/// can never disagree.
+/// An ordered map from K (an unsigned integer below ~K(0)) to a non-zero U32, used for
+/// the free runs by position and for the jumbo runs by (size, start).
 ///
 /// A B+tree with small nodes: a look-up reads a few cache lines per level and the upper
 /// levels stay in cache, where a binary tree would miss on most of its twenty levels at
-/// a million runs. The neighbours of a position sit in the same leaf, and the last
-/// path taken is kept, so the several look-ups of one free or alloc descend once.
-class BestFitAllocator::RunIndex {
+/// a million runs. The neighbours of a key sit in the same leaf, and the last path
+/// taken is kept, so the several look-ups of one free or alloc descend once.
+template <class K>
+class OrderedIndex {
  public:
   struct Run {
-    U32 start;
-    U32 sz;  // 0: no run
+    K start;  // the key
+    U32 sz;   // the value; 0: no entry
   };
 
-  RunIndex() : root_(new Leaf) {}
-  ~RunIndex() { destroy(root_, inners_); }
-  RunIndex(RunIndex const&) = delete;
-  RunIndex& operator=(RunIndex const&) = delete;
+  OrderedIndex() : root_(new Leaf) {}
+  ~OrderedIndex() { destroy(root_, inners_); }
+  OrderedIndex(OrderedIndex const&) = delete;
+  OrderedIndex& operator=(OrderedIndex const&) = delete;
 
   U32 size() const { return size_; }
-  U32 find(U32 start) const {
+  U32 find(K start) const {
     Leaf const* l = descend(start);
     U32 const i = lowerBound(l->key, start);
     return i < l->n && l->key[i] == start ? l->sz[i] : 0;
   }
   /// The run with the greatest start <= k.
-  Run atOrBefore(U32 k) const {
+  Run atOrBefore(K k) const {
     k = std::min(k, none - 1);  // no run starts at `none`, and pads must not count
     Leaf const* l = descend(k);
     U32 const i = upperBound(l->key, k);
@@ -56,7 +55,7 @@ class BestFitAllocator::RunIndex {
     return Run{0, 0};
   }
   /// The run with the least start > k.
-  Run after(U32 k) const {
+  Run after(K k) const {
     if (k >= none - 1) return Run{0, 0};
     Leaf const* l = descend(k);
     U32 const i = upperBound(l->key, k);
@@ -71,7 +70,7 @@ class BestFitAllocator::RunIndex {
     return Run{0, 0};
   }
   /// Adds a run; precondition: none starts at start.
-  void insert(U32 start, U32 sz) {
+  void insert(K start, U32 sz) {
     Leaf* l = descend(start);
     U32 const i = lowerBound(l->key, start);
     ++size_;
@@ -82,7 +81,7 @@ class BestFitAllocator::RunIndex {
       return;
     }
     // Split the full leaf: the lower half stays, the upper half moves to a new one.
-    U32 key[cap + 1];
+    K key[cap + 1];
     U32 val[cap + 1];
     std::copy(l->key, l->key + cap, key);
     std::copy(l->sz, l->sz + cap, val);
@@ -105,7 +104,7 @@ class BestFitAllocator::RunIndex {
     insertUp(int(inners_) - 1, r->key[0], r);
   }
   /// Removes the run starting at start; returns its size, 0 when there was none.
-  U32 erase(U32 start) {
+  U32 erase(K start) {
     Leaf* l = descend(start);
     U32 const i = lowerBound(l->key, start);
     if (i == l->n || l->key[i] != start) return 0;
@@ -119,9 +118,9 @@ class BestFitAllocator::RunIndex {
   }
 
  private:
-  static constexpr U32 cap = 32;      // entries per node: a leaf's keys fill two cache lines
+  static constexpr U32 cap = 32;      // entries per node: 32-bit keys fill two cache lines
   static constexpr U32 maxDepth = 8;  // inner levels; 32^7 leaves is far beyond 2^32 runs
-  static constexpr U32 none = 0xFFFFFFFFu;  // pads unused keys: above every relative index
+  static constexpr K none = ~K(0);  // pads unused keys: above every key in use
 
   // Unused keys hold `none`, so searches run over the whole fixed-size array without a
   // branch per key, and the compiler turns them into a few vector compares.
@@ -129,14 +128,14 @@ class BestFitAllocator::RunIndex {
     U32 n = 0;
     Leaf* prev = nullptr;
     Leaf* next = nullptr;
-    U32 key[cap];
+    K key[cap];
     U32 sz[cap];
     Leaf() { std::fill(key, key + cap, none); }
   };
   // child[i] holds the keys in [key[i-1], key[i]); n children, n-1 keys.
   struct Inner {
     U32 n = 0;
-    U32 key[cap];
+    K key[cap];
     void* child[cap];
     Inner() { std::fill(key, key + cap, none); }
   };
@@ -146,12 +145,12 @@ class BestFitAllocator::RunIndex {
   };
 
   /// The number of keys below k (the first position >= k) and at most k.
-  static U32 lowerBound(U32 const* a, U32 k) {
+  static U32 lowerBound(K const* a, K k) {
     U32 c = 0;
     for (U32 i = 0; i < cap; ++i) c += a[i] < k;
     return c;
   }
-  static U32 upperBound(U32 const* a, U32 k) {
+  static U32 upperBound(K const* a, K k) {
     U32 c = 0;
     for (U32 i = 0; i < cap; ++i) c += a[i] <= k;
     return c;
@@ -165,11 +164,11 @@ class BestFitAllocator::RunIndex {
   /// The leaf whose key range holds k, with the path to it in path_. The last path is
   /// reused while no node was split or merged and k routes to the same leaf: the
   /// look-ups of one operation are all near one position.
-  Leaf* descend(U32 k) const {
+  Leaf* descend(K k) const {
     if (cachedVersion_ == version_ && k >= cachedLo_ && k < cachedHi_) return cached_;
     void* node = root_;
-    U64 lo = 0;
-    U64 hi = U64(1) << 32;
+    K lo = 0;
+    K hi = none;  // no key reaches it
     for (U32 d = 0; d < inners_; ++d) {
       Inner* in = static_cast<Inner*>(node);
       U32 const i = upperBound(in->key, k);
@@ -186,7 +185,7 @@ class BestFitAllocator::RunIndex {
   }
 
   /// Adds child (whose keys start at key) right of path_[d]'s child; splits upward.
-  void insertUp(int d, U32 key, void* child) {
+  void insertUp(int d, K key, void* child) {
     if (d < 0) {  // a new root above the old one
       Inner* root = new Inner;
       root->n = 2;
@@ -206,7 +205,7 @@ class BestFitAllocator::RunIndex {
       ++in->n;
       return;
     }
-    U32 keys[cap];
+    K keys[cap];
     void* children[cap + 1];
     std::copy(in->key, in->key + cap - 1, keys);
     std::copy(in->child, in->child + cap, children);
@@ -287,9 +286,24 @@ class BestFitAllocator::RunIndex {
   U64 version_ = 1;                          // counts splits and merges
   mutable Leaf* cached_ = nullptr;
   mutable U64 cachedVersion_ = 0;
-  mutable U64 cachedLo_ = 0;
-  mutable U64 cachedHi_ = 0;
+  mutable K cachedLo_ = 0;
+  mutable K cachedHi_ = 0;
   mutable Step path_[maxDepth];
+};
+
+/// Free runs keyed by relative start, valued by size. Runs never overlap, so ordering
+/// by start is also ordering by last index: the "by end" view is answered from the same
+/// index (the run at or before an index, and whether it ends there), and the two views
+/// can never disagree.
+class BestFitAllocator::RunIndex : public OrderedIndex<U32> {};
+
+/// Jumbo runs ordered by size, then start: one 64-bit key, (size << 32) | start.
+class BestFitAllocator::JumboIndex : public OrderedIndex<U64> {
+ public:
+  static U64 key(U32 sz, U32 start) { return U64(sz) << 32 | start; }
+  static BFA::JumboFreeBlk blk(Run r) {
+    return r.sz ? BFA::JumboFreeBlk(U32(r.start >> 32), U32(r.start)) : BFA::JumboFreeBlk();
+  }
 };
 
 BestFitAllocator::FreeRunIteratorConst& BestFitAllocator::FreeRunIteratorConst::operator++() {
@@ -318,6 +332,18 @@ BestFitAllocator::FreeRunIteratorConst BestFitAllocator::freeBlkStartIndexToSzIt
 BestFitAllocator::FreeRunIteratorConst BestFitAllocator::freeBlkEndIndexToSzIterator() const {
   RunIndex::Run const r = runs_->first();
   return FreeRunIteratorConst(runs_, r.start, r.sz, true);
+}
+
+bool BestFitAllocator::jumboFreeBlk(BFA::JumboFreeBlk const& b) const {
+  return jumbo_->find(JumboIndex::key(b.blkSz(), b.startIndex())) != 0;
+}
+
+U32 BestFitAllocator::jumboFreeBlks() const { return jumbo_->size(); }
+
+BFA::JumboFreeBlk BestFitAllocator::jumboFreeBlkFirst() const { return JumboIndex::blk(jumbo_->first()); }
+
+BFA::JumboFreeBlk BestFitAllocator::jumboFreeBlkAfter(BFA::JumboFreeBlk const& b) const {
+  return JumboIndex::blk(jumbo_->after(JumboIndex::key(b.blkSz(), b.startIndex())));
 }
 
 Quor::Ptr<BFA::FreeBlkSet const> BestFitAllocator::freeBlkSet(U32 blkSz) const {
@@ -394,9 +420,12 @@ Quor::Ptr<PendingCmds> pendingCmdsFactory(U32 indexSpace) { return Quor::Ptr<Pen
 // ---- the allocator ------------------------------------------------------------------
 
 BestFitAllocator::BestFitAllocator(Quor::Name const& name, U32 memSz, U32 offset, U32 maxBlkSz)
-    : Entity(name), memSz_(memSz), offset_(offset), maxBlkSz_(maxBlkSz), runs_(new RunIndex) {}
+    : Entity(name), memSz_(memSz), offset_(offset), maxBlkSz_(maxBlkSz), runs_(new RunIndex), jumbo_(new JumboIndex) {}
 
-BestFitAllocator::~BestFitAllocator() { delete runs_; }
+BestFitAllocator::~BestFitAllocator() {
+  delete runs_;
+  delete jumbo_;
+}
 
 Quor::Ptr<BestFitAllocator> bestFitAllocatorFactory(Quor::Name const& name, U32 memSz, U32 offset, U32 maxBlkSz) {
   Quor::Ptr<BestFitAllocator> a = Quor::makeEntity<BestFitAllocator>(name, memSz, offset, maxBlkSz);
@@ -457,16 +486,10 @@ void BestFitAllocator::doAddFreeBlk(U32 blkSz, U32 startIndex) {
     QUOR_ASSERT_TEXT(!(*set)->freeBlk(startIndex), "!freeBlkSet( blkSz )->freeBlk( startIndex )");
     (*set)->freeBlkIs(startIndex);
   } else {
-    // The rest of the shortest jumbo run after an alloc is again the shortest: the hint
-    // puts it in place without a walk.
-    BFA::JumboFreeBlk const jumbo(blkSz, startIndex);
-    std::size_t const before = jumboFreeBlk_.size();
-    if (jumboFreeBlk_.empty() || jumbo < *jumboFreeBlk_.begin()) {
-      jumboFreeBlk_.emplace_hint(jumboFreeBlk_.begin(), jumbo);
-    } else {
-      jumboFreeBlk_.insert(jumbo);
-    }
-    QUOR_ASSERT_TEXT(jumboFreeBlk_.size() > before, "!jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )");
+    U64 const key = JumboIndex::key(blkSz, startIndex);
+    bool const present = jumbo_->find(key) != 0;
+    QUOR_ASSERT_TEXT(!present, "!jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )");
+    jumbo_->insert(key, 1);
   }
   QUOR_ASSERT_TEXT(freeBlkStartIndexToSz(startIndex) == 0, "freeBlkStartIndexToSz( startIndex ) == 0");
   QUOR_ASSERT_TEXT(freeBlkEndIndexToSz(startIndex + blkSz - 1) == 0,
@@ -486,14 +509,7 @@ void BestFitAllocator::doRemoveFreeBlk(U32 blkSz, U32 startIndex) {
       freeBlkSet_.memberDel(blkSz);
     }
   } else {
-    BFA::JumboFreeBlk const jumbo(blkSz, startIndex);
-    bool removed;
-    if (!jumboFreeBlk_.empty() && *jumboFreeBlk_.begin() == jumbo) {  // alloc takes the shortest
-      jumboFreeBlk_.erase(jumboFreeBlk_.begin());
-      removed = true;
-    } else {
-      removed = jumboFreeBlk_.erase(jumbo) != 0;
-    }
+    bool const removed = jumbo_->erase(JumboIndex::key(blkSz, startIndex)) != 0;
     QUOR_ASSERT_TEXT(removed, "jumboFreeBlk( BFA::JumboFreeBlk( blkSz, startIndex ) )");
   }
   // One look-up answers both views: a run starts here, and it ends where blkSz says.
@@ -519,10 +535,11 @@ Quor::Ptr<BFA::Blk> BestFitAllocator::alloc(U32 blkSz) {
   if (fit != freeBlkSet_.raw().end()) {
     sz = fit->first;
     start = fit->second->pick();
-  } else if (!jumboFreeBlk_.empty()) {
+  } else if (jumbo_->size()) {
     // The shortest jumbo run, so the fallback is best fit too.
-    sz = jumboFreeBlk_.begin()->blkSz();
-    start = jumboFreeBlk_.begin()->startIndex();
+    BFA::JumboFreeBlk const j = JumboIndex::blk(jumbo_->first());
+    sz = j.blkSz();
+    start = j.startIndex();
   } else {
     QUOR_TRACE(traceHandle, detail, "Alloc: blkSz " << blkSz << ", no free blk available");
     return nullptr;

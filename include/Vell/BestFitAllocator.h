@@ -25,7 +25,6 @@
 // each move is also recorded as a BFA::PendingCmd that the caller replays, in order, on
 // its own storage.
 #pragma once
-#include <set>
 #include <string>
 #include <vector>
 
@@ -332,6 +331,7 @@ QUOR_API Quor::Ptr<PendingCmds> pendingCmdsFactory(U32 indexSpace = 1024);
 class QUOR_API BestFitAllocator : public Quor::Entity {
  public:
   class RunIndex;
+  class JumboIndex;
 
   /// A walk over the free runs in ascending order: by start (key() is the start) or by
   /// last index (key() is start + size - 1); value() is the size.
@@ -404,12 +404,15 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
   U32 freeBlkEndIndexToSzs() const { return freeBlkStartIndexToSzs(); }
   FreeRunIteratorConst freeBlkStartIndexToSzIterator() const;
   FreeRunIteratorConst freeBlkEndIndexToSzIterator() const;
-  bool jumboFreeBlk(BFA::JumboFreeBlk const& b) const { return jumboFreeBlk_.count(b) != 0; }
-  U32 jumboFreeBlks() const { return static_cast<U32>(jumboFreeBlk_.size()); }
+  bool jumboFreeBlk(BFA::JumboFreeBlk const& b) const;
+  U32 jumboFreeBlks() const;
+  /// The least jumbo run (blkSz() 0 when there is none), and the one after b.
+  BFA::JumboFreeBlk jumboFreeBlkFirst() const;
+  BFA::JumboFreeBlk jumboFreeBlkAfter(BFA::JumboFreeBlk const& b) const;
   /// Calls f(JumboFreeBlk const&) in ascending order.
   template <class F>
   void forEachJumboFreeBlk(F&& f) const {
-    for (auto const& j : jumboFreeBlk_) f(j);
+    for (BFA::JumboFreeBlk j = jumboFreeBlkFirst(); j.blkSz(); j = jumboFreeBlkAfter(j)) f(j);
   }
   /// The live block starting at an absolute index; null when none.
   Quor::Ptr<BFA::Blk> inUseBlock(U32 startIndex) const {
@@ -446,7 +449,7 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
   U32 numFreeEntries_ = 0;
   Quor::RbTreeMap<Quor::Ptr<BFA::FreeBlkSet>, U32> freeBlkSet_;
   RunIndex* runs_;  // free runs by start; the end view is derived from it
-  std::set<BFA::JumboFreeBlk> jumboFreeBlk_;
+  JumboIndex* jumbo_;  // jumbo runs by (size, start): the least is the best fit
   BFA::IndexTable<BFA::Blk*, BFA::IdentityHash> inUseBlock_;
 };
 
