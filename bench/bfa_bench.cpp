@@ -8,7 +8,8 @@
 //                  them: the loop times the allocator, not the caller's own cache misses on
 //                  its array of a million handles.
 //   ChurnColdVictim/N  the same with the victim's slot and handle loaded only when dropped.
-//   ReallocChurn/N drop a random block and claim a random part of its range with realloc.
+//   ReallocChurn/N drop a random block and claim a random part of its range with realloc
+//                  (victims drawn ahead as in Churn).
 //   ReallocProbe/N realloc of a random range anywhere; most of them find entries in use.
 //   Defragment/N   compact a space where half of N blocks were dropped at random.
 //
@@ -89,7 +90,7 @@ struct BestFit {
     misses += !slot;
   }
   void reallocChurn() {
-    auto& slot = live[rng.below(U32(live.size()))];
+    auto& slot = victims.take(true);
     if (!slot) return churn();
     U32 const start = slot->startIndex(), sz = slot->blkSz();
     slot = nullptr;
@@ -161,7 +162,7 @@ struct FirstFit {
     misses += !slot.sz;
   }
   void reallocChurn() {
-    auto& slot = live[rng.below(U32(live.size()))];
+    auto& slot = victims.take(true);
     if (!slot.sz) return churn();
     Block const old = slot;
     release(old);

@@ -574,6 +574,7 @@ Quor::Ptr<BFA::Blk> BestFitAllocator::realloc(U32 startIndex, U32 blkSz) {
     QUOR_TRACE(traceHandle, detail, "Not all the required entries are free.");
     return nullptr;
   }
+  inUseBlock_.prefetch(startIndex + offset());  // for newBlk, as in alloc
   doRemoveFreeBlk(run.sz, first);
   if (startIndex != first) {
     QUOR_TRACE(traceHandle, detail, "Adding a free block up till startIndex.");
