@@ -2,9 +2,16 @@
 // highest set and clear bit when the sought bits are sparse (one in a million, at least
 // one, at random places), lone (a single one, in the middle: the linear scans' bad case)
 // or dense (each bit a coin flip); single-bit updates, range updates and a search from
-// the middle. The counter "at" is where the answer lies, as a fraction of the size. Peers: a plain std::vector<uint64_t> scanned word by word (always),
-// boost::dynamic_bitset (find_first / find_next) and a compressed bitmap (minimum,
-// maximum, iterator seek) where they offer the operation.
+// the middle. The counter "at" is where the answer lies, as a fraction of the size. Peers:
+// a plain std::vector<uint64_t> scanned word by word (always), boost::dynamic_bitset
+// (find_first / find_next) and a compressed bitmap (minimum, maximum, iterator seek)
+// where they offer the operation.
+//
+// HBitmap remembers its answers, so the "find" rows time a repeated search. The
+// "findAfterUpdate" rows time one that must descend: each iteration takes the bit last
+// found out of its state and puts it back (which forgets that answer), then searches;
+// "findAfterUpdate/updatesAlone" does the two updates without the search, so the
+// difference between the two rows is the descent.
 //
 // The update baseline "plainPerLevel" does one read-modify-write of a plain word per
 // level of the same height: the least any summary tree can write.
@@ -157,6 +164,30 @@ void registerSearches() {
             });
 #endif
         }
+}
+
+void registerDescents() {
+  for (bool set : {true, false})
+    for (bool lo : {true, false})
+      for (bool search : {true, false}) {
+        std::string const name = std::string("findAfterUpdate/") + (search ? "HBitmap" : "updatesAlone") +
+                                 "/2^24/sparse/" + (set ? "set" : "clear") + (lo ? "/lowest" : "/highest");
+        benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& st) {
+          Pattern& p = pattern(24, Density::sparse, set);
+          auto const pref = lo ? HBitmap::preferLo : HBitmap::preferHi;
+          auto const state = set ? HBitmap::Set : HBitmap::Clear, other = set ? HBitmap::Clear : HBitmap::Set;
+          U32 const want = lo ? scanLo(p.words, set) : scanHi(p.words, set);
+          U32 found = p.hb->findBitInState(pref, state);
+          for (auto _ : st) {
+            p.hb->updateBit(found, other);
+            p.hb->updateBit(found, state);
+            if (search) found = p.hb->findBitInState(pref, state);
+            benchmark::DoNotOptimize(found);
+          }
+          if (found != want || p.hb->findBitInState(pref, state) != want) st.SkipWithError("wrong answer");
+          st.counters["at"] = double(want) / p.size;
+        });
+      }
 }
 
 // The lowest set bit at or above the middle, in the sparse pattern.
@@ -340,6 +371,7 @@ void registerRangeUpdates() {
 
 int main(int argc, char** argv) {
   registerSearches();
+  registerDescents();
   registerRangeSearches();
   registerUpdates();
   registerRangeUpdates();

@@ -39,9 +39,14 @@ constexpr U64 allOnes = ~U64(0);
                      __LINE__, __PRETTY_FUNCTION__))
 
 // Enumerations hold any 32-bit number; an operation refuses one that is no enumerator.
+// The message is built out of line so the check stays one compare on the search path.
+[[gnu::cold, gnu::noinline]] void refuseEnum(U32 value, char const* attr) {
+  QUOR_CHECK_RANGE("HBitmap", attr, value, 0, 1);
+}
+
 template <class E>
-E checkedEnum(E e, char const* attr) {
-  QUOR_CHECK_RANGE("HBitmap", attr, static_cast<U32>(e), 0, 1);
+inline E checkedEnum(E e, char const* attr) {
+  if (static_cast<U32>(e) > 1) [[unlikely]] refuseEnum(static_cast<U32>(e), attr);
   return e;
 }
 
@@ -62,6 +67,10 @@ void HBitmap::handleInitialized() {
   buildLayout();
   fillLevels();
   if (initialBitState_ == Set) numBitsInSetState_ = size_;
+  // A uniform bitmap's answers need no search: its first and last bit, or none at all.
+  U32 const first = size_ ? 0 : notFound, last = size_ - 1;  // size 0: last wraps to notFound
+  answers_[U32(initialBitState_)] = {first, last, true, true};
+  answers_[U32(opposite(initialBitState_))] = {notFound, notFound, true, true};
   QUOR_TRACE(traceHandle, 7, "Initialized HBitmap " << quorIndex_ << " sz " << size_ << " height " << height_);
 }
 
@@ -119,6 +128,18 @@ inline void writeLeaf(U64* set, U64* clr, U32& numSet, U32 w, U64 mask, bool toS
 }
 }  // namespace
 
+// Bits start .. end have just been put in `state`. A remembered answer in that state can
+// only move outwards to the range (and notFound gives way to it); one in the other state
+// stays exact unless it lay inside the range. Without branches: updateBit runs this.
+inline void HBitmap::noteRange(U32 start, U32 end, BitState state) {
+  Answers& gained = answers_[U32(state)];
+  Answers& lost = answers_[U32(state) ^ 1];
+  gained.lo = std::min(gained.lo, start);            // notFound is the largest U32
+  gained.hi = std::max(gained.hi + 1, end + 1) - 1;  // + 1 wraps notFound to 0
+  lost.loKnown &= lost.lo - start > end - start;     // outside start .. end, in one compare
+  lost.hiKnown &= lost.hi - start > end - start;
+}
+
 void HBitmap::updateBit(U32 bit, BitState state) {
   QUOR_TRACE(traceHandle, 1, "HBitmap::updateBit");
   HBITMAP_CHECK(bit, <, size());
@@ -128,7 +149,14 @@ void HBitmap::updateBit(U32 bit, BitState state) {
   U32 const* const base = arrayBaseOffsetForHeight_.data();
   U32 const w = base[0] + bit / 64;
   U64 const mask = U64(1) << (bit % 64);
-  writeLeaf(set, clr, numBitsInSetState_, w, mask, state == Set);
+  // One bit needs no population count (a library call on a baseline x86-64 build). The
+  // two trees differ only in padding, never at a bit below size(), so both take the same bit.
+  bool const toSet = state == Set;
+  U32 const wasSet = (set[w] & mask) != 0;
+  numBitsInSetState_ += toSet ? 1 - wasSet : 0 - wasSet;
+  set[w] = toSet ? set[w] | mask : set[w] & ~mask;
+  clr[w] = toSet ? clr[w] | mask : clr[w] & ~mask;
+  noteRange(bit, bit, state);
   // Every level is rewritten, changed or not: a fixed walk beats a data-dependent exit.
   U64 childSet = set[w], childClr = clr[w];
   for (U32 h = 1; h < height_; ++h) {
@@ -164,6 +192,7 @@ void HBitmap::updateBitsInRange(U32 start, U32 end, BitState state) {
     if (w == endWord) mask &= allOnes >> (63 - end % 64);
     writeLeaf(set, clr, numBitsInSetState_, w, mask, state == Set);
   }
+  noteRange(start, end, state);
   // Only the summaries above the changed words can differ, so only they are recomputed:
   // the same result as rebuilding whole levels, at a cost in the range, not the size.
   rebuildSummaries(startWord - arrayBaseOffsetForHeight_[0], endWord - arrayBaseOffsetForHeight_[0]);
@@ -211,7 +240,14 @@ U32 HBitmap::findBitInState(IndexPreference indexPref, BitState state) const {
   QUOR_TRACE(traceHandle, 1, "HBitmap::findBitInState");
   checkedEnum(indexPref, "indexPref");
   checkedEnum(state, "state");
-  return search(indexPref, state);
+  Answers& a = answers_[U32(state)];
+  bool& known = indexPref == preferLo ? a.loKnown : a.hiKnown;
+  U32& answer = indexPref == preferLo ? a.lo : a.hi;
+  if (!known) {
+    answer = search(indexPref, state);
+    known = true;
+  }
+  return answer;
 }
 
 // From the top word down, one word per level: each probe bit says "a bit in the wanted
@@ -261,6 +297,7 @@ void HBitmap::combineWith(HBitmap const* hbmp, LogicalOp op) {
     QUOR_TRACE(traceHandle, 7, "Unknown logical op: " << op);  // once, not once per word
     return;
   }
+  forgetAnswers();  // any bit may have changed; the next searches descend once
   U32 const words = roundup64(size_) / 64;
   U64 const lastPad = size_ % 64 ? allOnes << (size_ % 64) : 0;
   // Leaves start at word 0 in both bitmaps, so word i of one matches word i of the other

@@ -1,5 +1,6 @@
 // HBitmap: a randomized differential test against std::vector<bool> with a word-by-word
-// invariant walker; the level layout; text forms, bad arguments, traces, assertion texts.
+// invariant walker, aimed at stale remembered answers; the level layout; text forms, bad
+// arguments, traces, assertion texts.
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
@@ -56,24 +57,31 @@ U32 modelFind(std::vector<bool> const& m, U64 lo, U64 hi, State state, Pref pref
   return HBitmap::notFound;
 }
 
-// Random single-bit and range changes to a bitmap and its model, through every entry point.
+// Puts bits lo .. hi of the bitmap and its model in one state, through a random entry point.
+void change(std::mt19937_64& rng, HBitmap& b, std::vector<bool>& m, U32 lo, U32 hi, bool set) {
+  State const s = set ? HBitmap::Set : HBitmap::Clear;
+  bool const generic = rng() & 1;
+  if (lo == hi && rng() & 1)
+    generic ? b.updateBit(lo, s) : set ? b.setBit(lo) : b.clearBit(lo);
+  else
+    generic ? b.updateBitsInRange(lo, hi, s) : set ? b.setBitsInRange(lo, hi) : b.clearBitsInRange(lo, hi);
+  std::fill(m.begin() + lo, m.begin() + hi + 1, set);
+}
+
+// Random single bits (half the time) and ranges: a third tiny, a third up to a few words,
+// a third anywhere.
 void scramble(std::mt19937_64& rng, HBitmap& b, std::vector<bool>& m, int steps) {
   auto below = [&](U64 n) { return static_cast<U32>(rng() % n); };
   for (int i = 0; i < steps && !m.empty(); ++i) {
-    bool const set = below(2);
-    State const s = set ? HBitmap::Set : HBitmap::Clear;
     U32 const lo = below(m.size());
-    if (below(2)) {  // ranges: a third tiny, a third up to a few words, a third anywhere
-      U32 const hi = U32(std::min<U64>(m.size() - 1, lo + below(std::array<U64, 3>{4, 300, m.size()}[below(3)])));
-      below(2) ? b.updateBitsInRange(lo, hi, s) : set ? b.setBitsInRange(lo, hi) : b.clearBitsInRange(lo, hi);
-      std::fill(m.begin() + lo, m.begin() + hi + 1, set);
-    } else {
-      below(2) ? b.updateBit(lo, s) : set ? b.setBit(lo) : b.clearBit(lo);
-      m[lo] = set;
-    }
+    U32 const hi = below(2) ? lo : U32(std::min<U64>(m.size() - 1, lo + below(std::array<U64, 3>{4, 300, m.size()}[below(3)])));
+    change(rng, b, m, lo, hi, below(2));
   }
 }
 
+// Searches are remembered between steps, so the mix aims at what invalidates them: the
+// bit a search just returned leaves its state (alone or in a small range), a state in
+// which nothing was found gains a bit, the whole bitmap is filled, bitmaps are combined.
 void runDifferential(U32 size, U64 seed, int steps) {
   SCOPED_TRACE(testing::Message() << "size " << size << " seed " << seed);
   std::mt19937_64 rng(seed);
@@ -82,19 +90,27 @@ void runDifferential(U32 size, U64 seed, int steps) {
   State const init = state();
   auto b = Vell::hBitmapFactory(seed, size, init);
   std::vector<bool> m(size, init == HBitmap::Set);
-  for (int step = 0; step < steps; ++step) {
+  std::array<U32, 4> found{};  // the last answers: lowest set, highest set, lowest clear, highest clear
+  for (int step = 0; step <= steps; ++step) {  // step 0 checks the new bitmap
     SCOPED_TRACE(testing::Message() << "step " << step);
-    if (U32 const op = below(10); op < 7) {
+    U32 const op = step ? below(20) : 20;
+    if (op < 10) {
       scramble(rng, *b, m, 1);
-    } else if (op < 9) {  // combine with an equal or larger bitmap whose extra bits are random
+    } else if (op < 14 && size) {  // a found bit leaves search k's state, or a random one joins it
+      U32 const k = below(4), r = below(2) ? 0 : below(3), a = found[k] != HBitmap::notFound ? found[k] : below(size);
+      change(rng, *b, m, a - std::min(a, r), std::min(size - 1, a + r), (k < 2) == (found[k] == HBitmap::notFound));
+    } else if (op < 15 && size) {
+      change(rng, *b, m, 0, size - 1, below(2));
+    } else if (op < 19) {  // combine with an equal or larger bitmap whose extra bits are random
       U32 const otherSize = size + (below(2) ? 0 : below(200));
       State const otherInit = state();
       auto other = Vell::hBitmapFactory(seed + 1, otherSize, otherInit);
       std::vector<bool> om(otherSize, otherInit == HBitmap::Set);
       scramble(rng, *other, om, 8);
-      op == 7 ? b->doAnd(other) : b->doOr(other);
-      for (U32 i = 0; i < size; ++i) m[i] = op == 7 ? m[i] && om[i] : m[i] || om[i];
-    } else {
+      bool const isAnd = below(2);
+      isAnd ? b->doAnd(other) : b->doOr(other);
+      for (U32 i = 0; i < size; ++i) m[i] = isAnd ? m[i] && om[i] : m[i] || om[i];
+    } else if (op == 19) {
       b->doLogicalOp(b, HBitmap::LogicalOp(2));  // unknown: nothing changes
     }
     ASSERT_TRUE(invariantHolds(*b));
@@ -104,12 +120,14 @@ void runDifferential(U32 size, U64 seed, int steps) {
     for (U32 probe : {size, below(U64(size) + 130)})  // bits beyond the size read as clear
       ASSERT_EQ(b->isBitSet(probe), probe < size && m[probe]) << probe;
     ASSERT_EQ(b->numBitsInSetState(), U32(std::count(m.begin(), m.end(), true)));
+    for (U32 k = 0; k < 4; ++k) found[k] = modelFind(m, 0, size, k < 2 ? HBitmap::Set : HBitmap::Clear, Pref(k % 2));
+    for (int round = 0; round < 2; ++round)  // the second round answers from what the first remembered
+      for (U32 k = 0; k < 4; ++k)
+        ASSERT_EQ(b->findBitInState(Pref(k % 2), k < 2 ? HBitmap::Set : HBitmap::Clear), found[k]) << "search " << k;
     U32 const lo = below(U64(size) + 1), hi = lo + below(U64(size) - lo + 1);  // hi may be size
     for (State s : {HBitmap::Set, HBitmap::Clear})
-      for (Pref p : {HBitmap::preferLo, HBitmap::preferHi}) {
-        ASSERT_EQ(b->findBitInState(p, s), modelFind(m, 0, size, s, p)) << s << " " << p;
+      for (Pref p : {HBitmap::preferLo, HBitmap::preferHi})
         ASSERT_EQ(b->findBitInRange(lo, hi, s, p), modelFind(m, lo, U64(hi) + 1, s, p)) << s << " " << p << " " << lo << ".." << hi;
-      }
   }
 }
 
@@ -182,6 +200,11 @@ TEST(HBitmapDeathTest, PreconditionsAbortWithTheConditionAndValues) {
   EXPECT_DEATH(HBitmap::highestSetBitOf(0), literally("Failed(j < 64) j = 4294967295, 64 = 64 [HBitmap:"));
   EXPECT_DEATH(HBitmap::lowestSetBitOf(0), literally("Assertion failed: j [HBitmap:"));
   EXPECT_DEATH(Vell::hBitmapFactory(1, 0xFFFFFFC1, HBitmap::Clear), literally("Assertion failed: i [HBitmap:"));
+  // Raw writes forget the remembered answers, so each search below descends and meets them.
+  ASSERT_EQ(b->findBitInClearState(HBitmap::preferLo), 0u);
+  b->clearBmIs(0, ~0ull);  // a full leaf word under a summary that says it has a clear bit
+  EXPECT_DEATH(b->findBitInClearState(HBitmap::preferLo), literally("Assertion failed: val [HBitmap:"));
+  ASSERT_EQ(b->findBitInSetState(HBitmap::preferLo), HBitmap::notFound);
   b->setBmIs(b->arrayBaseOffsetForHeight(1), 1);  // a summary that points at an empty word
   EXPECT_DEATH(b->findBitInSetState(HBitmap::preferLo), literally("Assertion failed: val [HBitmap:"));
 }

@@ -11,10 +11,17 @@
 // below; the top level is a single word. Padding bits (beyond a level's meaningful bits in
 // its last word) are 0 in setBm and 1 in clearBm, so no search ever lands on them.
 //
+// Searches are asked far more often than the answer changes, so the bitmap remembers its
+// four whole-bitmap answers (lowest / highest, set / clear) while they stay exact:
+// updates move an answer outwards to the changed bits or forget it when they change the
+// very bit it names; logical operations and raw word writes forget them all.
+//
 // Costs: single-bit updates write one word per level in each tree and never stop early
-// (no data-dependent branches); searches read one word per level. Range updates cost
-// their range plus the summaries above it. Logical operations and range searches cost
-// the whole size: a range search works on a scratch copy.
+// (no data-dependent branches), plus a few compares on the remembered answers. A
+// whole-bitmap search answers from memory; a forgotten one reads one word per level
+// (dependent loads, top down) and is remembered. Range updates cost their range plus the
+// summaries above it. Logical operations and range searches cost the whole size: a range
+// search works on a scratch copy.
 //
 // Preconditions are asserted (a bad index is a programming error and aborts with the
 // condition and the values); finding nothing is not an error but 0xFFFFFFFF.
@@ -61,9 +68,15 @@ class QUOR_API HBitmap final : public Quor::Entity {
   U64 clearBm(U32 w) const { return clearBm_[w]; }
   /// Raw word writes (a write past the end grows the array), for repair tools and tests.
   /// A write that breaks the summary invariant misleads every later search; a search
-  /// that meets a contradiction aborts.
-  void setBmIs(U32 w, U64 word) { setBm_.elementIs(w, word); }
-  void clearBmIs(U32 w, U64 word) { clearBm_.elementIs(w, word); }
+  /// that meets a contradiction aborts. Forgets the remembered answers.
+  void setBmIs(U32 w, U64 word) {
+    setBm_.elementIs(w, word);
+    forgetAnswers();
+  }
+  void clearBmIs(U32 w, U64 word) {
+    clearBm_.elementIs(w, word);
+    forgetAnswers();
+  }
 
   // ---- single bits ----
   /// Puts one bit in `state`. Precondition: bit < size(). Throws Quor::RangeException for
@@ -81,8 +94,9 @@ class QUOR_API HBitmap final : public Quor::Entity {
   void clearBitsInRange(U32 start, U32 end) { updateBitsInRange(start, end, Clear); }
 
   // ---- searches ----
-  /// The lowest (preferLo) or highest (preferHi) bit in `state`, or notFound. Reads one
-  /// word per level.
+  /// The lowest (preferLo) or highest (preferHi) bit in `state`, or notFound. O(1) when
+  /// the answer is remembered (asked before and not invalidated since); otherwise reads
+  /// one word per level, height() dependent loads, and remembers the answer.
   U32 findBitInState(IndexPreference indexPref, BitState state) const;
   U32 findBitInSetState(IndexPreference indexPref) const { return findBitInState(indexPref, Set); }
   U32 findBitInClearState(IndexPreference indexPref) const { return findBitInState(indexPref, Clear); }
@@ -124,6 +138,10 @@ class QUOR_API HBitmap final : public Quor::Entity {
   U32 search(IndexPreference indexPref, BitState state) const;
   void combineWith(HBitmap const* hbmp, LogicalOp op);
   void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
+  void noteRange(U32 start, U32 end, BitState state);
+  void forgetAnswers() {
+    for (Answers& a : answers_) a.loKnown = a.hiKnown = false;
+  }
 
   U64 quorIndex_;
   U32 size_;
@@ -134,6 +152,13 @@ class QUOR_API HBitmap final : public Quor::Entity {
   Quor::DynArray<U32> arrayBaseOffsetForHeight_;
   Quor::DynArray<U64> setBm_;
   Quor::DynArray<U64> clearBm_;
+  // The whole-bitmap search answers per state (indexed by BitState); an answer is exact
+  // while its flag is set and meaningless otherwise. Searches are const, hence mutable.
+  struct Answers {
+    U32 lo = 0, hi = 0;
+    bool loKnown = false, hiKnown = false;
+  };
+  mutable Answers answers_[2];
 };
 
 /// A bitmap of `size` bits, every one in initialBitState, ready to use. Throws
