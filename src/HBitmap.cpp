@@ -58,7 +58,8 @@ HBitmap::HBitmap(U64 quorIndex, U32 size, BitState initialBitState)
     : Quor::Entity(Quor::Name(std::to_string(quorIndex))),
       quorIndex_(quorIndex),
       size_(size),
-      initialBitState_(checkedEnum(initialBitState, "initialBitState")) {
+      initialBitState_(checkedEnum(initialBitState, "initialBitState")),
+      trace_(&traceHandle) {
   handleInitialized();
 }
 
@@ -236,7 +237,8 @@ U32 HBitmap::highestSetBitOf(U64 word) {
   return j;
 }
 
-U32 HBitmap::findBitInState(IndexPreference indexPref, BitState state) const {
+// The long way of findBitInState: traces, enumeration checks, and a forgotten answer.
+U32 HBitmap::searchAndRemember(IndexPreference indexPref, BitState state) const {
   QUOR_TRACE(traceHandle, 1, "HBitmap::findBitInState");
   checkedEnum(indexPref, "indexPref");
   checkedEnum(state, "state");

@@ -97,7 +97,16 @@ class QUOR_API HBitmap final : public Quor::Entity {
   /// The lowest (preferLo) or highest (preferHi) bit in `state`, or notFound. O(1) when
   /// the answer is remembered (asked before and not invalidated since); otherwise reads
   /// one word per level, height() dependent loads, and remembers the answer.
-  U32 findBitInState(IndexPreference indexPref, BitState state) const;
+  U32 findBitInState(IndexPreference indexPref, BitState state) const {
+    // A remembered answer comes back without a call; traces, a bad enumeration and a
+    // forgotten answer take the long way.
+    if (U32(state) <= 1 && !trace_->enabled(1)) {
+      Answers const& a = answers_[U32(state)];
+      if (indexPref == preferLo && a.loKnown) return a.lo;
+      if (indexPref == preferHi && a.hiKnown) return a.hi;
+    }
+    return searchAndRemember(indexPref, state);
+  }
   U32 findBitInSetState(IndexPreference indexPref) const { return findBitInState(indexPref, Set); }
   U32 findBitInClearState(IndexPreference indexPref) const { return findBitInState(indexPref, Clear); }
   /// The same within start .. end, or notFound. Preconditions: start <= end, end <= size()
@@ -136,6 +145,7 @@ class QUOR_API HBitmap final : public Quor::Entity {
   void buildLayout();
   void fillLevels();
   U32 search(IndexPreference indexPref, BitState state) const;
+  U32 searchAndRemember(IndexPreference indexPref, BitState state) const;
   void combineWith(HBitmap const* hbmp, LogicalOp op);
   void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
   void noteRange(U32 start, U32 end, BitState state);
@@ -159,6 +169,7 @@ class QUOR_API HBitmap final : public Quor::Entity {
     bool loKnown = false, hiKnown = false;
   };
   mutable Answers answers_[2];
+  Quor::TraceHandle const* trace_;  // the block's channel, for the inline search
 };
 
 /// A bitmap of `size` bits, every one in initialBitState, ready to use. Throws
