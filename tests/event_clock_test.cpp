@@ -151,7 +151,8 @@ TEST_F(EventClockTest, TickSourceReplacedRemovedOrOutlivingItsClock) {
     ec = nullptr;
   };
   EXPECT_EQ(startAndRun(t0 + 20), "deadline@10 check@10 check@11");
-  EXPECT_EQ(reactor->eventClock(), nullptr);  // TearDown finds it disarmed
+  EXPECT_EQ(reactor->eventClock(), nullptr);
+  EXPECT_EQ(loop->armedClockReactors(), 0u) << "the reactor still held here must be disarmed";
 }
 
 // The model: one tick at a time, in plain arithmetic.
