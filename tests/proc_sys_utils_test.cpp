@@ -40,7 +40,8 @@ std::string slurp(std::string const& path) {
 // ---- writeProcSys ----
 
 TEST(WriteProcSys, WritesTheValueAsGivenOrReturnsErrno) {
-  std::string dir = std::filesystem::temp_directory_path().string() + "/procsysXXXXXX";
+  char const* tmp = std::getenv("TMPDIR");
+  std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/procsysXXXXXX";
   ASSERT_NE(::mkdtemp(dir.data()), nullptr);
   auto file = [&](std::string const& name, std::string const& content) {
     std::ofstream(dir + "/" + name, std::ios::binary) << content;
