@@ -189,8 +189,9 @@ TEST_F(CodefBaseTest, DetachedOrDroppedBacklogs) {
   EXPECT_FALSE(loop->runOnce());
   b->clockIs(clock);
   b->updateIs(5, 0);
+  auto const reactor = b->clock();  // someone else holds the reactor
   EXPECT_EQ(loop->armedClockReactors(), 1u);
-  b = nullptr;  // dropped while armed: the handler never runs
+  b = nullptr;  // dropped while armed: the reactor never fires
   EXPECT_FALSE(loop->runOnce());
   EXPECT_EQ(calls, (Calls{{3, 0}}));
   b = make(1.0, [&](int const&, int const&) { b = nullptr; });

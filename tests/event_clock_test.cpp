@@ -138,13 +138,15 @@ TEST_F(EventClockTest, TickSourceReplacedRemovedOrOutlivingItsClock) {
   ec->clockIs(other);
   EXPECT_TRUE(ec->clock()->notifier() == other);
   loop->runUntil(t0 + 2.5);
+  Quor::Ptr<EventClock::QuorClock const> reactor = ec->clock();  // held past its removal
   ec->clockDel();
+  EXPECT_EQ(loop->armedClockReactors(), 0u) << "the tick due at 3 outlived clockDel";
   EXPECT_EQ(startAndRun(t0 + 10), "deadline@0 check@0 check@1 clock@1.5 check@2 clock@2.5 deadline@2.5 check@2.5");
   EXPECT_FALSE(ec->polling());  // without a tick source: one check, nothing scheduled
   EXPECT_EQ(loop->armedClockReactors(), 0u);
 
   make(1, 10);
-  Quor::Ptr<EventClock::QuorClock const> reactor = ec->clock();
+  reactor = ec->clock();
   rec->react = [&](std::string const& what) {
     if (what != "check" || ec->eventCheck() < 2) return;
     rec->notifierIs(nullptr);
