@@ -1,8 +1,11 @@
 // Helpers shared by the test programs.
 #pragma once
 #include <string>
+#include <vector>
 
 #include <Quor/Exception.h>
+#include <Quor/Log.h>
+#include <Quor/Trace.h>
 
 namespace VellTest {
 
@@ -16,5 +19,38 @@ std::string rangeText(F&& f) {
   }
   return "no exception";
 }
+
+/// Captures the trace records of `channel` at levels 0..maxLevel while it lives; the
+/// channel is off again and the sink is standard error afterwards.
+struct TraceCapture {
+  std::string channel;
+  std::vector<Quor::TraceRecord> records;
+  explicit TraceCapture(std::string ch, int maxLevel = 9) : channel(std::move(ch)) {
+    Quor::traceLevelIs(channel, maxLevel);
+    Quor::traceSinkIs([this](Quor::TraceRecord const& r) { records.push_back(r); });
+  }
+  ~TraceCapture() {
+    Quor::traceLevelIs(channel, -1);
+    Quor::traceSinkIs(nullptr);
+  }
+  /// The texts of one level, or of every level when level is -1.
+  std::vector<std::string> texts(int level = -1) const {
+    std::vector<std::string> out;
+    for (auto const& r : records)
+      if (level < 0 || r.level == level) out.push_back(r.text);
+    return out;
+  }
+};
+
+/// Captures log messages as "<name>/<severity>: <text>" while it lives.
+struct LogCapture {
+  std::vector<std::string> lines;
+  LogCapture() {
+    Quor::logSinkIs([this](Quor::LogRecord const& r) {
+      lines.push_back(r.name + "/" + std::to_string(r.severity) + ": " + r.text);
+    });
+  }
+  ~LogCapture() { Quor::logSinkIs(nullptr); }
+};
 
 }  // namespace VellTest

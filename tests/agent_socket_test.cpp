@@ -16,7 +16,6 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -26,9 +25,12 @@
 
 #include <Vell/AgentSocketHandler.h>
 
+#include "TestSupport.h"
+
 namespace {
 
 using Quor::Ptr;
+using VellTest::LogCapture;
 using Vell::AgentSocketHandlerSm;
 using Texts = std::vector<std::string>;
 
@@ -117,30 +119,6 @@ struct ProbedHandler : AgentSocketHandlerSm {
   ProbedHandler(std::string const& name, bool* destroyed) : AgentSocketHandlerSm(name, nullptr), destroyed(destroyed) {}
   ~ProbedHandler() override { *destroyed = true; }
   bool* destroyed;
-};
-
-// Trace texts by level.
-struct TraceCapture {
-  std::map<int, Texts> texts;
-  TraceCapture() {
-    Quor::traceLevelIs("AgentSocketHandler", 9);
-    Quor::traceSinkIs([this](Quor::TraceRecord const& r) { texts[r.level].push_back(r.text); });
-  }
-  ~TraceCapture() {
-    Quor::traceLevelIs("AgentSocketHandler", -1);
-    Quor::traceSinkIs(nullptr);
-  }
-};
-
-// Log records as "<name>/<severity>: <text>".
-struct LogCapture {
-  Texts lines;
-  LogCapture() {
-    Quor::logSinkIs([this](Quor::LogRecord const& r) {
-      lines.push_back(r.name + "/" + std::to_string(r.severity) + ": " + r.text);
-    });
-  }
-  ~LogCapture() { Quor::logSinkIs(nullptr); }
 };
 
 class AgentSocketTest : public ::testing::Test {
@@ -240,7 +218,7 @@ TEST_F(AgentSocketTest, ReadableEventBeforeInitialisationOrAfterDeletionAcceptsN
   bool destroyed = false;
   Ptr<ProbedHandler> probed = new ProbedHandler(name, &destroyed);
   LogCapture logs;
-  TraceCapture traces;
+  VellTest::TraceCapture traces("AgentSocketHandler");
   probed->handleClientConnection();  // not initialised: not even reported
   EXPECT_LT(connectTo(name), 0) << "nothing listens before initialisation";
 
@@ -257,9 +235,9 @@ TEST_F(AgentSocketTest, ReadableEventBeforeInitialisationOrAfterDeletionAcceptsN
   EXPECT_EQ(logs.lines.size(), 1u) << "deleted: not reported";
 
   std::string const n = name + " ";
-  EXPECT_EQ(traces.texts[1], (Texts{n + "handleClientConnection", n + "handleInitialized", n + "handleClientConnection",
+  EXPECT_EQ(traces.texts(1), (Texts{n + "handleClientConnection", n + "handleInitialized", n + "handleClientConnection",
                                     n + "handleDeletion", n + "handleDeletion", n + "handleClientConnection"}));
-  EXPECT_EQ(traces.texts[8],
+  EXPECT_EQ(traces.texts(8),
             (Texts{"Socket Name: s" + name + " fd: " + std::to_string(listening), "Socket Init Completed",
                    "handleClientConnection Invalid file descriptor", "Socket deleted",
                    "Warning! Can't close invalid file descriptor", "Socket deleted"}));
@@ -352,12 +330,12 @@ TEST_F(AgentSocketServeTest, ExchangesAreTracedAndCloseEachDescriptorOnce) {
   EXPECT_EQ(handler->newAgentSocketCallback(Vell::agentSocketCallbackFactory("other", "show")), base);
   EXPECT_THROW(handler->agentSocketCallbackIs(nullptr), Quor::RangeException);
   {
-    TraceCapture traces;
+    VellTest::TraceCapture traces("AgentSocketHandler");
     EXPECT_EQ(roundTrip(name, "show counters"), "") << "the base callback writes nothing";
     ASSERT_EQ(keep->kept.size(), 1u);
     std::string const conn = keep->kept[0]->name().str();
-    EXPECT_EQ(traces.texts[1], (Texts{name + " handleClientConnection", "base handleCommand"}));
-    EXPECT_EQ(traces.texts[8], (Texts{"Accepted client from: " + conn, "Received command: show arg: counters",
+    EXPECT_EQ(traces.texts(1), (Texts{name + " handleClientConnection", "base handleCommand"}));
+    EXPECT_EQ(traces.texts(8), (Texts{"Accepted client from: " + conn, "Received command: show arg: counters",
                                       "Closing: " + conn}));
   }
   EXPECT_EQ(roundTrip(name, "show"), "");

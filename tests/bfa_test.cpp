@@ -298,20 +298,16 @@ TEST(BestFitAllocatorText, PendingCmdsIsAnIndexedQueue) {
 }
 
 TEST(BestFitAllocatorTrace, OperationsTraceAtDetailLevelOnly) {
-  std::vector<std::string> lines;
-  Quor::traceSinkIs([&](Quor::TraceRecord const& r) {
-    EXPECT_EQ(r.channel + "/" + std::to_string(r.level), "BestFitAllocator/7");
-    lines.push_back(r.text);
-  });
-  Quor::traceLevelIs("BestFitAllocator", 6);
+  VellTest::TraceCapture traces("BestFitAllocator", 6);
   auto a = Vell::bestFitAllocatorFactory("t", 40, 0, 16);
   BlkPtr const b1 = a->alloc(10), b2 = a->alloc(16), b3 = a->alloc(8);  // free: [34..39]
-  EXPECT_TRUE(lines.empty());
+  EXPECT_TRUE(traces.records.empty());
   Quor::traceLevelIs("BestFitAllocator", 9);
   EXPECT_FALSE(a->alloc(16) || a->realloc(33, 2));
   BlkPtr const b4 = a->realloc(36, 4);
   EXPECT_FALSE(a->realloc(38, 1));
-  EXPECT_EQ(lines, (std::vector<std::string>{
+  EXPECT_EQ(traces.texts(7), traces.texts()) << "only detail level 7";
+  EXPECT_EQ(traces.texts(), (std::vector<std::string>{
                        "Alloc: blkSz 16", "Alloc: blkSz 16, no free blk available", "Realloc: startIndex 33, blkSz 2, memSz 40",
                        "Not all the required entries are free.", "Realloc: startIndex 36, blkSz 4, memSz 40",
                        "Removing free blk: sz 6, index 34", "Deleting freeBlkSet for blkSz = 6",
@@ -320,11 +316,10 @@ TEST(BestFitAllocatorTrace, OperationsTraceAtDetailLevelOnly) {
                        "numFreeEntries decreased by 4, now = 2", "Realloc: startIndex 38, blkSz 1, memSz 40",
                        "No free blocks after startIndex"}));
   BlkPtr const rest = a->realloc(34, 2);
-  lines.clear(), a->defragment();
+  a->defragment();
+  auto const lines = traces.texts();
   EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
             (std::vector<std::string>{"start index = 34, Size = 2", "start index = 36, Size = 4", "No free blocks. Returning."}));
-  Quor::traceLevelIs("BestFitAllocator", -1);
-  Quor::traceSinkIs(nullptr);
 }
 
 // "Assertion failed: <text> [BestFitAllocator:<line>] in <...function>", as a regex.

@@ -1,3 +1,5 @@
+// writeProcSys on temporary files; the smaps walk on crafted and random texts against
+// a model, and on the live process; the backtrace handlers in crashing children.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -23,6 +25,7 @@
 #include <Vell/ProcSysUtils.h>
 
 #include "../src/ProcSysUtilsInternal.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -36,50 +39,34 @@ std::string slurp(std::string const& path) {
 
 // ---- writeProcSys ----
 
-class WriteProcSysTest : public ::testing::Test {
- protected:
-  WriteProcSysTest() {
-    char const* base = std::getenv("TMPDIR");
-    dir = std::string(base && *base ? base : "/tmp") + "/procsysXXXXXX";
-    EXPECT_NE(::mkdtemp(dir.data()), nullptr);
-    Quor::traceLevelIs("ProcSysUtils", 9);
-    Quor::traceSinkIs([this](Quor::TraceRecord const& r) { traces.push_back(std::to_string(r.level) + " " + r.text); });
-  }
-  ~WriteProcSysTest() override {
-    Quor::traceSinkIs({});
-    Quor::traceLevelIs("ProcSysUtils", -1);
-    std::filesystem::remove_all(dir);
-  }
-  std::string file(std::string const& name, std::string const& content) const {
+TEST(WriteProcSys, WritesTheValueAsGivenOrReturnsErrno) {
+  char const* tmp = std::getenv("TMPDIR");
+  std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/procsysXXXXXX";
+  ASSERT_NE(::mkdtemp(dir.data()), nullptr);
+  auto file = [&](std::string const& name, std::string const& content) {
     std::ofstream(dir + "/" + name, std::ios::binary) << content;
     return dir + "/" + name;
-  }
-  std::string dir;
-  std::vector<std::string> traces;
-};
-
-TEST_F(WriteProcSysTest, WritesTheValueAsGivenOrReturnsErrno) {
+  };
+  VellTest::TraceCapture traces("ProcSysUtils");
   // A path over 127 characters is cut, and the cut path is the one opened.
-  std::string const base = dir + "/";
-  ASSERT_LT(base.size(), 100u);
-  std::string const cut = file(std::string(127 - base.size(), 'a'), "");
+  ASSERT_LT(dir.size(), 100u);
+  std::string const cut = file(std::string(126 - dir.size(), 'a'), "");
   EXPECT_EQ(Vell::writeProcSys((cut + "bcdef").c_str(), "42"), 0);
   EXPECT_EQ(slurp(cut), "42");  // no newline added
-  EXPECT_EQ(traces, std::vector<std::string>{"3 Writing 42 to " + cut});
+  EXPECT_EQ(traces.texts(3), std::vector<std::string>{"Writing 42 to " + cut});
   // An empty value is a zero-length write: success, file untouched.
   std::string const kept = file("kept", "abc");
   EXPECT_EQ(Vell::writeProcSys(kept.c_str(), ""), 0);
   EXPECT_EQ(slurp(kept), "abc");
-
   std::string const missing = dir + "/missing";
   EXPECT_EQ(Vell::writeProcSys(missing.c_str(), "1"), ENOENT);
   EXPECT_FALSE(std::filesystem::exists(missing));  // nothing created
-  EXPECT_EQ(traces.back(), "0 Failed to open " + missing + " : " + std::strerror(ENOENT));
-  // Opens, then the write fails.
-  EXPECT_EQ(Vell::writeProcSys("/dev/full", "1"), ENOSPC);
-  EXPECT_EQ(traces.back(), std::string("0 Failed to write /dev/full : ") + std::strerror(ENOSPC));
+  EXPECT_EQ(Vell::writeProcSys("/dev/full", "1"), ENOSPC);  // opens, then the write fails
+  EXPECT_EQ(traces.texts(0), (std::vector<std::string>{"Failed to open " + missing + " : " + std::strerror(ENOENT),
+                                                       std::string("Failed to write /dev/full : ") + std::strerror(ENOSPC)}));
   EXPECT_EQ(Vell::writeProcSys(nullptr, "1"), EINVAL);
   EXPECT_EQ(Vell::writeProcSys("/dev/null", nullptr), EINVAL);
+  std::filesystem::remove_all(dir);
 }
 
 // ---- the smaps walk on crafted texts ----
