@@ -8,11 +8,13 @@
 // loops cache their time. The peers' FireAll waits a few real milliseconds for its
 // timers to come due, outside the measured part; the wheel's FireTimeline lets the
 // activity loop jump from wake-up to wake-up instead of catching up in one turn, and
-// Wheel16k uses buckets wide enough that nothing cascades.
+// Wheel16k uses buckets wide enough that nothing cascades. Floor_FireAll is the least
+// any firing can cost: the same timers walked along one list already in firing order.
 #include <benchmark/benchmark.h>
 
 #include <Vell/HTimerWheel.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -165,6 +167,71 @@ void wheelFire(benchmark::State& st) {
 void Wheel_FireAll(benchmark::State& st) { wheelFire<false>(st); }
 void Wheel_FireTimeline(benchmark::State& st) { wheelFire<true>(st); }
 void Wheel16k_FireAll(benchmark::State& st) { wheelFire<false, 16384>(st); }
+
+// ---- the floor: one intrusive list in firing order ----------------------------------------
+
+// Objects of the wheel timer's size, in one array, deadlines from the same stream, linked
+// once in firing order (untimed) and walked, calling each one's virtual onTime(): no
+// slots, no unlinking. Past the caches the walk is one dependent miss per timer, and the
+// wheel's firing cost minus this is its own work.
+}  // namespace
+
+// Outside the anonymous namespace so that the compiler cannot prove onTime() has one
+// target and inline it away: the wheel's call is a real virtual call too.
+struct FloorTimer {
+  virtual ~FloorTimer() = default;
+  virtual void onTime() { ++*fired; }
+  FloorTimer* next = nullptr;
+  Quor::Seconds timeMin = Quor::endOfTime;
+  // Pads to the wheel timer's base, so that `fired` lies on the second cache line as it
+  // does in WheelTimer.
+  char pad[sizeof(Vell::TimerWheel::NotifieeConst) - 24] = {};
+  long* fired = nullptr;
+};
+
+namespace {
+
+static_assert(sizeof(FloorTimer) == sizeof(WheelTimer));
+
+struct FloorFixture {
+  explicit FloorFixture(int count) : n(count), timers(std::make_unique<FloorTimer[]>(static_cast<std::size_t>(n))) {
+    Rng rng(7);
+    std::vector<U32> order(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+      timers[i].fired = &fired;
+      timers[i].timeMin = (1 + rng.below(horizonMs)) * 1e-3;
+      order[static_cast<std::size_t>(i)] = static_cast<U32>(i);
+    }
+    // Equal deadlines fire in arming order.
+    std::stable_sort(order.begin(), order.end(), [&](U32 a, U32 b) { return timers[a].timeMin < timers[b].timeMin; });
+    FloorTimer** tail = &head;
+    for (U32 i : order) {
+      *tail = &timers[i];
+      tail = &timers[i].next;
+    }
+  }
+  int n;
+  long fired = 0;
+  std::unique_ptr<FloorTimer[]> timers;
+  FloorTimer* head = nullptr;
+};
+
+void Floor_FireAll(benchmark::State& st) {
+  dropFixture();
+  int const n = static_cast<int>(st.range(0));
+  for (auto _ : st) {
+    st.PauseTiming();
+    auto f = std::make_unique<FloorFixture>(n);
+    st.ResumeTiming();
+    for (FloorTimer* t = f->head; t; t = t->next) t->onTime();
+    st.PauseTiming();
+    if (f->fired != n) st.SkipWithError("not every timer fired");
+    f.reset();
+    st.ResumeTiming();
+  }
+  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
+                                                       benchmark::Counter::kInvert);
+}
 
 // ---- std::multimap ----------------------------------------------------------------------------
 
@@ -383,6 +450,7 @@ int main(int argc, char** argv) {
       {"Wheel_FireAll", Wheel_FireAll, true},
       {"Wheel_FireTimeline", Wheel_FireTimeline, true},
       {"Wheel16k_FireAll", Wheel16k_FireAll, true},
+      {"Floor_FireAll", Floor_FireAll, true},
 #ifdef VELL_HAVE_LIBEVENT
       {"Libevent_Rearm", Libevent_Rearm, false},
       {"Libevent_CancelArm", Libevent_CancelArm, false},
