@@ -157,7 +157,10 @@ void wheelFire(benchmark::State& st) {
       while (f->fired < n) sm->runOnce();  // a turn or two: the last due slot waits one turn
     }
     st.PauseTiming();
-    if (f->fired != n) st.SkipWithError("not every timer fired");
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
     f.reset();
     st.ResumeTiming();
   }
@@ -225,7 +228,10 @@ void Floor_FireAll(benchmark::State& st) {
     st.ResumeTiming();
     for (FloorTimer* t = f->head; t; t = t->next) t->onTime();
     st.PauseTiming();
-    if (f->fired != n) st.SkipWithError("not every timer fired");
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
     f.reset();
     st.ResumeTiming();
   }
@@ -286,7 +292,10 @@ void Multimap_FireAll(benchmark::State& st) {
       benchmark::DoNotOptimize(++f->fired);
     }
     st.PauseTiming();
-    if (f->fired != n) st.SkipWithError("not every timer fired");
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
     f.reset();
     st.ResumeTiming();
   }
@@ -296,6 +305,20 @@ void Multimap_FireAll(benchmark::State& st) {
 
 // Waits out the peers' timers in real time, outside the measured part.
 void waitMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// Runs a peer's loop pass until its timers have fired. The peers may read a coarse
+// clock that lags real time by a jiffy, so a pass after the wait can still find the
+// last deadlines in the future; the extra waits are not measured, the extra passes are.
+template <class Pass>
+void passUntilFired(benchmark::State& st, long const& fired, int n, Pass pass) {
+  pass();
+  for (int retry = 0; fired < n && retry < 100; ++retry) {
+    st.PauseTiming();
+    waitMs(1);
+    st.ResumeTiming();
+    pass();
+  }
+}
 
 // ---- libevent ------------------------------------------------------------------------------------
 
@@ -356,9 +379,12 @@ void Libevent_FireAll(benchmark::State& st) {
     auto f = std::make_unique<EventFixture>(n, 2000);
     waitMs(4);
     st.ResumeTiming();
-    event_base_loop(f->base, EVLOOP_NONBLOCK);
+    passUntilFired(st, f->fired, n, [&] { event_base_loop(f->base, EVLOOP_NONBLOCK); });
     st.PauseTiming();
-    if (f->fired != n) st.SkipWithError("not every timer fired");
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
     f.reset();
     st.ResumeTiming();
   }
@@ -421,9 +447,12 @@ void Libuv_FireAll(benchmark::State& st) {
     auto f = std::make_unique<UvFixture>(n, 3);
     waitMs(5);
     st.ResumeTiming();
-    uv_run(&f->loop, UV_RUN_NOWAIT);
+    passUntilFired(st, f->fired, n, [&] { uv_run(&f->loop, UV_RUN_NOWAIT); });
     st.PauseTiming();
-    if (f->fired != n) st.SkipWithError("not every timer fired");
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
     f.reset();
     st.ResumeTiming();
   }
