@@ -461,6 +461,57 @@ TEST_F(TimerWheelTest, FiringOrder) {
   expectSound();
 }
 
+// With thousands of timers due at once, a wake-up reads the slots ahead before it fires
+// them. Callbacks here free, cancel and re-arm timers of those slots: nothing may touch
+// a freed timer (the sanitizer build sees it), every arming fires exactly once, and the
+// timers left alone fire in slot order.
+TEST_F(TimerWheelTest, LargeBacklogWhileCallbacksChangeTheSlotsAhead) {
+  make(1, 1000, false, 256);
+  constexpr int n = 6000, slots = 200;
+  Seconds const base = Quor::now();
+  std::mt19937 rng(3);
+  std::vector<Ptr<TestTimer>> pool(n);
+  std::vector<int> armings(n, 1), firings(n, 0), untouchedSlots;
+  std::vector<bool> touched(n, false);
+  for (int k = 0; k < n; ++k) {
+    pool[k] = new TestTimer;
+    pool[k]->notifierIs(wheel);
+    pool[k]->timeMinIs(base + (1 + k % slots) / 1000.0);
+    pool[k]->action = [&, k](TestTimer&) {
+      ++firings[k];
+      if (!touched[k]) untouchedSlots.push_back(k % slots);
+      // Mostly a timer of the next few slots: the ones read ahead.
+      int const ahead = 1 + int(rng() % 3), j = (k + ahead + slots * int(rng() % (n / slots))) % n;
+      if (!pool[j] || j == k) return;
+      switch (rng() % 4) {
+        case 0:  // freed, perhaps in the slot being fired or in one read ahead
+          if (pool[j]->timeMin() != Quor::endOfTime) --armings[j];
+          pool[j] = nullptr;
+          break;
+        case 1:
+          if (pool[j]->timeMin() != Quor::endOfTime) --armings[j];
+          pool[j]->timeMinIs(Quor::endOfTime);
+          touched[j] = true;
+          break;
+        case 2:
+          if (pool[j]->timeMin() == Quor::endOfTime) ++armings[j];
+          pool[j]->timeMinIs(Quor::now() + int(rng() % 3) / 1000.0);
+          touched[j] = true;
+          break;
+        default:
+          break;
+      }
+    };
+  }
+  vt.advance(0.5);
+  sm->runUntil(Quor::now() + 1);
+  EXPECT_EQ(firings, armings);
+  EXPECT_GT(untouchedSlots.size(), size_t(n / 2));
+  EXPECT_TRUE(std::is_sorted(untouchedSlots.begin(), untouchedSlots.end()));
+  EXPECT_EQ(wheel->timers(), 0u);
+  pool.clear();
+}
+
 TEST_F(TimerWheelTest, ACallbackMayReleaseTheWheel) {
   make(10, 1000, false, 16);
   auto a = arm(start + 0.01);

@@ -202,6 +202,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
   QUOR_LOCAL void maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added);
   QUOR_LOCAL void doUpdateSystemClock(Quor::Seconds t, U32 index);
   QUOR_LOCAL U32 findNextUsedIndex(U32 startIndex) const;
+  QUOR_LOCAL U32 warmDueSlots(U32 from, U32 maxLists);
   QUOR_LOCAL void fireSlot(U32 index);
   QUOR_LOCAL static void prefetchAfterHead(HeadNTail const& slot);
   QUOR_LOCAL void sortSlot(HeadNTail& slot);
