@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <new>
+#include <vector>
 
 namespace Vell {
 
@@ -14,12 +16,8 @@ Quor::TraceHandle traceHandle("TimerWheel");
 
 constexpr U32 invalidIndex = TimerWheel::InvalidWheelIndex;
 
-// Reading ahead of firing (warmDueSlots): from how many timers on, how many slots' lists
-// at most (about the misses a core keeps in flight), and how many timers in all (two
-// cache lines each: 256 KB).
-constexpr U32 warmMinTimers = 4096;
-constexpr U32 warmMaxLists = 16;
-constexpr U32 warmMaxTimers = 2048;
+// How far ahead of a list walk the slot's hints are prefetched.
+constexpr std::size_t hintWindow = 24;
 
 // Times print with microseconds; the default stream format would show an epoch time as
 // 1.7e+09.
@@ -140,9 +138,83 @@ class TimerWheel::Occupancy {
   std::unique_ptr<U64[]> words_;
 };
 
+// Where a slot's timers are, for prefetching only. A cascade walks one slot's list, a
+// single chain of cache misses when timers are many; with their addresses at hand the
+// misses can be in flight together. The ring keeps the timers most recently placed in the
+// slot, bounded by twice the slot's live timers, so re-arming churn cannot grow it. An
+// entry may name a timer that has left the slot or been freed since: entries are only
+// ever handed to __builtin_prefetch, which does not fault, and are never read through.
+struct TimerWheel::SlotHints {
+  std::vector<NotifieeConst const*> ring;
+  U32 next = 0;  // where the ring overwrites once full
+  U32 live = 0;  // timers in the slot now
+
+  void placed(NotifieeConst const* n) {
+    ++live;
+    if (ring.size() < 2 * U64(live) + 16) {
+      try {
+        ring.push_back(n);  // grows only while the slot does: no allocation in a steady state
+      } catch (std::bad_alloc const&) {
+        // A hint is only ever an optimisation: without memory, go without it.
+      }
+    } else {
+      ring[next] = n;
+      next = next + 1 == ring.size() ? 0 : next + 1;
+    }
+  }
+};
+
+// A walk of one slot's list with its hints prefetched a fixed distance ahead. It takes the
+// slot's ring and gives the slot the spare buffer, so that timers placed in the slot
+// during the walk (a callback re-arming into it) start a fresh ring; the taken buffer is
+// the next spare. Buffers only change hands: no allocation in a steady state.
+class TimerWheel::HintWalk {
+ public:
+  HintWalk(SlotHints& slot, std::vector<NotifieeConst const*>& spare) : spare_(spare), start_(slot.next) {
+    hints_.swap(slot.ring);
+    slot.ring.swap(spare);
+    slot.next = 0;
+    prefetchUpTo(hintWindow);
+  }
+  ~HintWalk() {
+    hints_.clear();
+    spare_.swap(hints_);
+  }
+  HintWalk(HintWalk const&) = delete;
+  HintWalk& operator=(HintWalk const&) = delete;
+
+  /// One timer of the list was handled.
+  void stepped() { prefetchUpTo(++done_ + hintWindow); }
+  void prefetchAll() { prefetchUpTo(hints_.size()); }
+
+ private:
+  // Oldest first, which is about the list's order.
+  void prefetchUpTo(std::size_t end) {
+    std::size_t const count = hints_.size();
+    for (; ahead_ < count && ahead_ < end; ++ahead_) {
+      std::size_t k = start_ + ahead_;
+      if (k >= count) k -= count;
+      // A timer spans two lines at most; the walk writes its links.
+      __builtin_prefetch(hints_[k], 1);
+      __builtin_prefetch(reinterpret_cast<char const*>(hints_[k]) + 63, 1);
+    }
+  }
+
+  std::vector<NotifieeConst const*> hints_;
+  std::vector<NotifieeConst const*>& spare_;
+  std::size_t start_;
+  std::size_t ahead_ = 0;
+  std::size_t done_ = 0;
+};
+
 struct TimerWheel::Bucket {
   explicit Bucket(U32 n)
-      : size(n), pow2((n & (n - 1)) == 0), shift(static_cast<U32>(__builtin_ctz(n))), slots(new HeadNTail[n]), occupancy(n) {}
+      : size(n),
+        pow2((n & (n - 1)) == 0),
+        shift(static_cast<U32>(__builtin_ctz(n))),
+        slots(new HeadNTail[n]),
+        hints(new SlotHints[n]),
+        occupancy(n) {}
   // Turns of this bucket in a distance, and the slot a distance wraps to: a shift and a
   // mask for the usual power-of-two sizes instead of a 64-bit division.
   U64 turns(U64 d) const { return pow2 ? d >> shift : d / size; }
@@ -153,6 +225,7 @@ struct TimerWheel::Bucket {
   U32 current = 0;
   U32 timers = 0;
   std::unique_ptr<HeadNTail[]> slots;
+  std::unique_ptr<SlotHints[]> hints;
   Occupancy occupancy;
 };
 
@@ -407,6 +480,7 @@ void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
     bk.occupancy.set(index);
   }
   slot.t = n;
+  bk.hints[index].placed(n);
   n->bucketIndex_ = bucketIndex;
   n->wheelIndex_ = index;
   if (bk.timers++ == 0) ++remainingNonEmptyBuckets_;
@@ -439,6 +513,7 @@ void TimerWheel::removeNotifiee(NotifieeConst* n) {
   }
   QUOR_ASSERT_TEXT(next || slot.t == prev, "wheelAt( tw, bucketIndex, index )->t == prev( n )");
   if (!slot.h) bk.occupancy.clear(index);
+  --bk.hints[index].live;
   n->next_ = n->prev_ = nullptr;
   n->wheelIndex_ = InvalidWheelIndex;
   n->bucketIndex_ = InvalidBucketIndex;
@@ -511,8 +586,6 @@ void TimerWheel::maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool ad
 void TimerWheel::handleSystemClock() {
   if (!initialized()) return;
   Quor::Seconds const start = Quor::now();
-  U32 warmedEnd = 0;  // slots of bucket 0 before this one were walked by warmDueSlots()
-  U32 warmLists = 2;
   for (;;) {
     time_ = Quor::now();
     U32 const schedIndex = scheduledWheelIndex_;
@@ -525,11 +598,6 @@ void TimerWheel::handleSystemClock() {
       advanceCurrentIndex(schedIndex);
       rearrangeTimers();
       served = buckets_[0].current;
-      warmedEnd = 0;
-    }
-    if (served >= warmedEnd) {
-      warmedEnd = warmDueSlots(served, warmLists);
-      warmLists = std::min(2 * warmLists, warmMaxLists);
     }
     fireSlot(served);
     systemClockHandlerActive_ = false;
@@ -542,7 +610,6 @@ void TimerWheel::handleSystemClock() {
     if (buckets_[0].current == ghostTimerIndex()) {
       rearrangeTimers();
       served = InvalidWheelIndex;  // slot 0 now stands for a new turn, cascaded timers in it are due
-      warmedEnd = 0;
     }
     U32 next = findNextUsedIndex(buckets_[0].current);
     if (next == InvalidWheelIndex) next = ghostTimerIndex();
@@ -565,48 +632,12 @@ void TimerWheel::prefetchAfterHead(HeadNTail const& slot) {
   if (slot.h) __builtin_prefetch(slot.h->next_, 1);
 }
 
-// A wake-up that catches up fires slot after slot, and when timers are many each slot's
-// list is a chain of cache misses: one at a time, nothing overlaps. So walk the lists of
-// the next few due slots side by side, one hop per list per step, and their misses are in
-// flight together; firing then finds the timers in cache. Reads only, finished before any
-// callback runs, and nothing is kept: a callback may free any of these timers. Bounded so
-// that what it fetches stays in cache, and the caller starts with few lists and doubles
-// them only while the wake-up keeps firing, so that one that fires a slot and yields
-// walks little more than that slot. Returns the slot after the last one walked.
-U32 TimerWheel::warmDueSlots(U32 from, U32 maxLists) {
-  Bucket const& b0 = buckets_[0];
-  // Few timers sit in cache anyway, and there the walk would only add work.
-  if (timers_ < warmMinTimers) return b0.size;
-  NotifieeConst const* lists[warmMaxLists];
-  U32 count = 0;
-  U64 i = from;
-  for (maxLists = std::min(maxLists, warmMaxLists); count < maxLists; ++i) {
-    i = b0.occupancy.findNext(i);
-    if (i == Occupancy::none) break;
-    if (i != from && !(slotTime(static_cast<U32>(i)) < time_)) break;
-    lists[count++] = b0.slots[i].h;
-  }
-  if (count < 2) return static_cast<U32>(std::min<U64>(i, b0.size));  // one list: nothing to overlap
-  for (U32 left = warmMaxTimers; left >= count;) {
-    bool any = false;
-    for (U32 k = 0; k < count; ++k) {
-      NotifieeConst const* n = lists[k];
-      if (!n) continue;
-      // The load of next_ fetches one line of the timer; these fetch the rest of it and
-      // the start of what derives from it, which firing writes and onTime() likely reads.
-      __builtin_prefetch(n, 1);
-      __builtin_prefetch(reinterpret_cast<char const*>(n) + sizeof(NotifieeConst), 1);
-      lists[k] = n->next_;
-      --left;
-      any = true;
-    }
-    if (!any) break;
-  }
-  return static_cast<U32>(std::min<U64>(i, b0.size));
-}
-
 void TimerWheel::fireSlot(U32 index) {
-  if (preserveOrder_) sortSlot(wheelAt(0, index));
+  HintWalk walk(buckets_[0].hints[index], spareHints_);
+  if (preserveOrder_) {
+    walk.prefetchAll();  // sorting reads every timer of the slot first
+    sortSlot(wheelAt(0, index));
+  }
   U64 const passSeq = nextArmSeq_;
   // Taken from the live list one at a time: a callback may cancel or re-arm any timer,
   // this slot's included. Timers armed during this pass sit behind the older ones.
@@ -614,6 +645,7 @@ void TimerWheel::fireSlot(U32 index) {
     if (n->armSeq_ >= passSeq) break;
     removeNotifiee(n);
     prefetchAfterHead(wheelAt(0, index));
+    walk.stepped();
     n->timeMin_ = Quor::endOfTime;  // one-shot: onTime may arm it again
     if (n->isDestroying()) continue;
     Quor::Ptr<NotifieeConst const> const hold(n);  // the timer may drop its last reference
@@ -726,10 +758,12 @@ void TimerWheel::rearrangeTimers() {
 // same slot: a coarser bucket only takes distances of at least one slot past its current.
 void TimerWheel::cascadeSlot(U32 b, U32 i) {
   U64 const lag = lagTicks();
+  HintWalk walk(buckets_[b].hints[i], spareHints_);
   while (NotifieeConst* n = wheelAt(b, i).h) {
     removeNotifiee(n);
     prefetchAfterHead(wheelAt(b, i));
     insertNotifiee(n, placementTicks(n, lag));
+    walk.stepped();
   }
 }
 

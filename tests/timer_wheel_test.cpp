@@ -461,10 +461,10 @@ TEST_F(TimerWheelTest, FiringOrder) {
   expectSound();
 }
 
-// With thousands of timers due at once, a wake-up reads the slots ahead before it fires
-// them. Callbacks here free, cancel and re-arm timers of those slots: nothing may touch
-// a freed timer (the sanitizer build sees it), every arming fires exactly once, and the
-// timers left alone fire in slot order.
+// Thousands of timers due at once, whose callbacks free, cancel and re-arm timers of the
+// slots still to fire, so the slots' address hints name freed and moved timers: nothing
+// may read a freed timer (the sanitizer build sees it), every arming fires exactly once,
+// and the timers left alone fire in slot order.
 TEST_F(TimerWheelTest, LargeBacklogWhileCallbacksChangeTheSlotsAhead) {
   make(1, 1000, false, 256);
   constexpr int n = 6000, slots = 200;

@@ -3,8 +3,11 @@
 // Workload assumed: an agent holding thousands to millions of timers (keep-alives,
 // retransmissions, lease checks), most of them re-armed or cancelled long before they
 // fire, all on one activity thread. Arming, re-arming and cancelling are O(1) and
-// allocate nothing: a timer is an intrusive member of one slot's list, and each bucket
-// keeps an occupancy bitmap so the next used slot is found with a few word operations.
+// allocate nothing in a steady state: a timer is an intrusive member of one slot's list,
+// and each bucket keeps an occupancy bitmap so the next used slot is found with a few
+// word operations. Each slot also keeps the addresses of the timers placed in it (a
+// bounded ring, about 8-16 bytes per timer), only to prefetch them: walking a slot's list
+// to fire or cascade it is otherwise one cache miss after another once timers are many.
 //
 // Layout: time is cut into ticks of `tickMsecs`. Bucket 0 has one slot per tick; one
 // full turn of bucket b is one slot of bucket b+1. The wheel keeps exactly one clock
@@ -184,6 +187,8 @@ class QUOR_API TimerWheel : public Quor::Entity {
  private:
   class QuorSystemClock;
   class Occupancy;
+  struct SlotHints;
+  class HintWalk;
   struct Bucket;
   friend class NotifieeConst;
 
@@ -202,7 +207,6 @@ class QUOR_API TimerWheel : public Quor::Entity {
   QUOR_LOCAL void maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added);
   QUOR_LOCAL void doUpdateSystemClock(Quor::Seconds t, U32 index);
   QUOR_LOCAL U32 findNextUsedIndex(U32 startIndex) const;
-  QUOR_LOCAL U32 warmDueSlots(U32 from, U32 maxLists);
   QUOR_LOCAL void fireSlot(U32 index);
   QUOR_LOCAL static void prefetchAfterHead(HeadNTail const& slot);
   QUOR_LOCAL void sortSlot(HeadNTail& slot);
@@ -236,6 +240,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
   U64 nextArmSeq_ = 1;
   bool systemClockHandlerActive_ = false;
   bool lock_ = false;  // placement is not re-entrant
+  std::vector<NotifieeConst const*> spareHints_;  // an empty buffer for the next slot walk
   Quor::Ptr<QuorSystemClock> quorSystemClock_;
 };
 
