@@ -141,7 +141,7 @@ class TimerWheel::Occupancy {
 // Where a slot's timers are, for prefetching only. A cascade walks one slot's list, a
 // single chain of cache misses when timers are many; with their addresses at hand the
 // misses can be in flight together. The ring keeps the timers most recently placed in the
-// slot, bounded by twice the slot's live timers, so re-arming churn cannot grow it. An
+// slot, bounded by the slot's live timers plus a few, so re-arming churn cannot grow it. An
 // entry may name a timer that has left the slot or been freed since: entries are only
 // ever handed to __builtin_prefetch, which does not fault, and are never read through.
 struct TimerWheel::SlotHints {
@@ -151,7 +151,7 @@ struct TimerWheel::SlotHints {
 
   void placed(NotifieeConst const* n) {
     ++live;
-    if (ring.size() < 2 * U64(live) + 16) {
+    if (ring.size() < U64(live) + 16) {
       try {
         ring.push_back(n);  // grows only while the slot does: no allocation in a steady state
       } catch (std::bad_alloc const&) {

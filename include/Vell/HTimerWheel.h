@@ -6,7 +6,7 @@
 // allocate nothing in a steady state: a timer is an intrusive member of one slot's list,
 // and each bucket keeps an occupancy bitmap so the next used slot is found with a few
 // word operations. Each slot also keeps the addresses of the timers placed in it (a
-// bounded ring, about 8-16 bytes per timer), only to prefetch them: walking a slot's list
+// bounded ring, about 8 bytes per timer), only to prefetch them: walking a slot's list
 // to fire or cascade it is otherwise one cache miss after another once timers are many.
 //
 // Layout: time is cut into ticks of `tickMsecs`. Bucket 0 has one slot per tick; one
