@@ -43,8 +43,14 @@ void CodefBase::backlogQuantumIs(Quor::Seconds const& quantum) {
 
 void CodefBase::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
   Quor::checkNotNull("CodefBase", "clock", clock);
-  if (!clock_) clock_ = new QuorClock(this);
+  bool const fresh = !clock_;
+  if (fresh) clock_ = new QuorClock(this);
   clock_->notifierIs(clock);  // an armed timeMin moves with the reactor
+  if (fresh && resumeOnClock_) {
+    // Work was left when the last clock went: it resumes now, not at the next update.
+    resumeOnClock_ = false;
+    clock_->timeMinIs(0.0);
+  }
 }
 
 void CodefBase::clockDel() { releaseClock(); }
@@ -59,6 +65,7 @@ void CodefBase::releaseClock() {
   if (!clock_) return;
   Quor::Ptr<QuorClock> c = std::move(clock_);
   clock_ = nullptr;
+  resumeOnClock_ = resumeOnClock_ || c->timeMin() != Quor::endOfTime;
   c->codefBaseIs(nullptr);
   c->timeMinIs(Quor::endOfTime);
   c->notifierIs(nullptr);
@@ -88,7 +95,11 @@ void CodefBase::doProcessBacklog() {
   QUOR_TRACE(traceHandle(), 5, "processed " << n << " in " << (end - start) << " s, " << left << " left");
   if (left != 0) {
     // Time 0 is always past: the next slice runs after the reactors already due.
-    if (clock_) clock_->timeMinIs(0.0);
+    if (clock_) {
+      clock_->timeMinIs(0.0);
+    } else {
+      resumeOnClock_ = true;
+    }
     yieldBeforeFinishingCountInc(1);
   }
 }

@@ -188,6 +188,7 @@ TEST_F(CodefBaseTest, DetachedOrDroppedBacklogs) {
   EXPECT_EQ(b->yieldBeforeFinishingCount(), 1u);  // counted, even with no clock to re-arm
   EXPECT_FALSE(loop->runOnce());
   b->clockIs(clock);
+  EXPECT_EQ(b->clock()->timeMin(), 0.0);  // the work left behind resumes with the new clock
   b->updateIs(5, 0);
   auto const reactor = b->clock();  // someone else holds the reactor
   EXPECT_EQ(loop->armedClockReactors(), 1u);

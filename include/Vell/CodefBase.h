@@ -78,7 +78,8 @@ class QUOR_API CodefBase : public Quor::PtrInterface {
   /// Disarms and releases the slice reactor: no further slices run until clockIs().
   virtual void clockDel();
   /// Attaches the slice reactor to `clock` (making it on first use); an armed reactor
-  /// stays armed on the new clock. Throws Quor::RangeException on a null clock.
+  /// stays armed on the new clock, and work left when clockDel() stopped the slices
+  /// resumes on the next turn. Throws Quor::RangeException on a null clock.
   virtual void clockIs(Quor::Ptr<Quor::Clock const> const& clock);
 
   virtual void updatesSeenIs(U64 const& v) { updatesSeen_ = v; }
@@ -126,6 +127,7 @@ class QUOR_API CodefBase : public Quor::PtrInterface {
   Quor::Seconds timeUsed_ = 0;
   U64 dispatchCount_ = 0;
   U64 yieldBeforeFinishingCount_ = 0;
+  bool resumeOnClock_ = false;  // work was pending when the clock went
 };
 
 /// A bare base on `clock`. Its backlog operations abort: it is only of use where an
