@@ -48,8 +48,9 @@ void CodefBase::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
   clock_->notifierIs(clock);  // an armed timeMin moves with the reactor
   if (fresh && resumeOnClock_) {
     // Work was left when the last clock went: it resumes now, not at the next update.
+    // (Never true in the constructor, where backlogSize() is not the subclass's yet.)
     resumeOnClock_ = false;
-    clock_->timeMinIs(0.0);
+    if (backlogSize() != 0) clock_->timeMinIs(0.0);
   }
 }
 
