@@ -16,6 +16,10 @@ Quor::TraceHandle traceHandle("TimerWheel");
 
 constexpr U32 invalidIndex = TimerWheel::InvalidWheelIndex;
 
+// The arming path is a dozen small steps; as separate calls their entries and exits
+// outnumber the work.
+#define HOT [[gnu::always_inline]] inline
+
 // How far ahead of a list walk the slot's hints are prefetched.
 constexpr std::size_t hintWindow = 24;
 
@@ -149,7 +153,7 @@ struct TimerWheel::SlotHints {
   U32 next = 0;  // where the ring overwrites once full
   U32 live = 0;  // timers in the slot now
 
-  void placed(NotifieeConst const* n) {
+  [[gnu::always_inline]] void placed(NotifieeConst const* n) {
     ++live;
     if (ring.size() < U64(live) + 16) {
       try {
@@ -362,7 +366,7 @@ void TimerWheel::NotifieeConst::timeMinIs(Quor::Seconds t) {
 
 // ---- placement ----------------------------------------------------------------------------------
 
-void TimerWheel::timeUpdateIs(NotifieeConst* n) {
+HOT void TimerWheel::timeUpdateIs(NotifieeConst* n) {
   if (!initialized()) return;
   QUOR_ASSERT(bucketCount() >= 2);
   QUOR_TRACE(traceHandle, 2, "timeUpdateIs: Updating notifiee timeMin of " << id(n) << " to " << Secs{n->timeMin()});
@@ -377,7 +381,7 @@ void TimerWheel::timeUpdateIs(NotifieeConst* n) {
   newTimer(n);
 }
 
-void TimerWheel::newTimer(NotifieeConst* n) {
+HOT void TimerWheel::newTimer(NotifieeConst* n) {
   QUOR_TRACE(traceHandle, 1, "newTimer: " << id(n));
   time_ = Quor::now();  // distances are measured from the present
   if (scheduledWheelIndex_ != InvalidWheelIndex) {
@@ -395,7 +399,7 @@ void TimerWheel::newTimer(NotifieeConst* n) {
   if (!systemClockHandlerActive_) maybeUpdateSystemClock(n->bucketIndex_, n->wheelIndex_, true);
 }
 
-void TimerWheel::deleteTimer(NotifieeConst* n) {
+HOT void TimerWheel::deleteTimer(NotifieeConst* n) {
   QUOR_TRACE(traceHandle, 1, "deleteTimer: " << id(n));
   QUOR_ASSERT_TEXT(timers() != 0, "tw->timers()");
   U32 const b = n->bucketIndex_, i = n->wheelIndex_;
@@ -403,7 +407,7 @@ void TimerWheel::deleteTimer(NotifieeConst* n) {
   if (!systemClockHandlerActive_) maybeUpdateSystemClock(b, i, false);
 }
 
-U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
+HOT U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
   Quor::Seconds const now = time_;
   QUOR_ASSERT(now != Quor::endOfTime);
   Quor::Seconds const t = n->timeMin();
@@ -417,14 +421,14 @@ U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
 
 // Whole ticks by which the current slot lags the present: the loop was late, or firing
 // is catching up, and the pull-up may not pass a slot that is still due.
-U64 TimerWheel::lagTicks() const {
+HOT U64 TimerWheel::lagTicks() const {
   if (!(time_ > currentWheelIndexTime_)) return 0;
   return msecsToTicks(roundedMsecs(time_ - currentWheelIndexTime_));
 }
 
 // Whole ticks in a number of milliseconds, rounded down. Most wheels tick in 1 ms, and a
 // 32-bit division is several times cheaper than a 64-bit one.
-U64 TimerWheel::msecsToTicks(U64 ms) const {
+HOT U64 TimerWheel::msecsToTicks(U64 ms) const {
   if (tickMsecs_ == 1) return ms;
   if (ms <= 0xffffffffu) return static_cast<U32>(ms) / tickMsecs_;
   return ms / tickMsecs_;
@@ -434,14 +438,14 @@ U64 TimerWheel::msecsToTicks(U64 ms) const {
 // timer placed while the wheel catches up is not fired early by the backlog. A timer
 // already due goes to the current slot and fires as the wheel catches up, in order
 // with the others. Without a lag this is forwardTicks() itself.
-U32 TimerWheel::placementTicks(NotifieeConst const* n, U64 lag) const {
+HOT U32 TimerWheel::placementTicks(NotifieeConst const* n, U64 lag) const {
   U64 const distance = forwardTicks(n);
   if (distance == 0) return 0;
   U64 const ticks = distance + lag;
   return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
 }
 
-void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
+HOT void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
   U32 const last = bucketCount_ - 1;
   U32 bucketIndex = 0, index = 0;
   for (U64 distance = ticks;; ++bucketIndex) {
@@ -492,7 +496,7 @@ void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
                           << scheduledWheelIndex_);
 }
 
-void TimerWheel::removeNotifiee(NotifieeConst* n) {
+HOT void TimerWheel::removeNotifiee(NotifieeConst* n) {
   U32 const bucketIndex = n->bucketIndex_, index = n->wheelIndex_;
   Bucket& bk = buckets_[bucketIndex];
   HeadNTail& slot = bk.slots[index];
@@ -547,7 +551,7 @@ void TimerWheel::doUpdateSystemClock(Quor::Seconds t, U32 index) {
   scheduledWheelIndex_ = index;
 }
 
-void TimerWheel::maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added) {
+HOT void TimerWheel::maybeUpdateSystemClock(U32 bucketIndex, U32 wheelIndex, bool added) {
   QUOR_ASSERT_TEXT(buckets_[0].current != InvalidWheelIndex, "tw->currentWheelIndex( 0 ) != InvalidWheelIndex");
   QUOR_ASSERT_TEXT(!systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
   U32 newIndex;
@@ -767,7 +771,7 @@ void TimerWheel::cascadeSlot(U32 b, U32 i) {
   }
 }
 
-void TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
+HOT void TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
   QUOR_ASSERT_TEXT(currentWheelIndexTime_ != Quor::endOfTime, "tw->currentWheelIndexTime() != Quor::endOfTime");
   Quor::Seconds const elapsed = now - currentWheelIndexTime_;
   if (!(elapsed > 0)) return;
