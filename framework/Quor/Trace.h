@@ -6,6 +6,7 @@
 // (a single number is the maximum level; "a-b" enables levels a to b).
 #pragma once
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -34,19 +35,22 @@ class QUOR_API TraceHandle {
   TraceHandle& operator=(TraceHandle const&) = delete;
 
   char const* name() const { return name_.c_str(); }
-  /// True when a statement of this level must be built and written.
+  /// True when a statement of this level (0 to 63) must be built and written. With a
+  /// constant level this is one load and a bit test.
   bool enabled(int level) const {
-    return level >= lo_.load(std::memory_order_relaxed) && level <= hi_.load(std::memory_order_relaxed);
+    return level >= 0 && level < 64 && ((mask_.load(std::memory_order_relaxed) >> level) & 1) != 0;
   }
+  /// Enables levels lo..hi (within 0..63); an empty range turns the channel off.
   void levelsIs(int lo, int hi) {
-    lo_.store(lo, std::memory_order_relaxed);
-    hi_.store(hi, std::memory_order_relaxed);
+    lo = lo < 0 ? 0 : lo;
+    hi = hi > 63 ? 63 : hi;
+    std::uint64_t const mask = lo > hi ? 0 : (~std::uint64_t(0) >> (63 - (hi - lo))) << lo;
+    mask_.store(mask, std::memory_order_relaxed);
   }
 
  private:
   std::string name_;
-  std::atomic<int> lo_{0};
-  std::atomic<int> hi_{-1};
+  std::atomic<std::uint64_t> mask_{0};  // bit l: level l is on
 };
 
 /// Enables levels 0..maxLevel of a channel (now and for handles made later); -1 turns it off.
