@@ -77,6 +77,12 @@ void dropFixture() {
 // least a hundred thousand firings per size while bounding the peers' real waiting.
 int fireIterations(int n) { return std::max(3, 100000 / n); }
 
+// The fire-all benchmarks report the time per fired timer.
+void perTimer(benchmark::State& st, int n) {
+  st.counters["per_timer"] =
+      benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
 // ---- the wheel ----------------------------------------------------------------------------
 
 struct WheelTimer : Vell::TimerWheel::NotifieeConst {
@@ -164,8 +170,7 @@ void wheelFire(benchmark::State& st) {
     f.reset();
     st.ResumeTiming();
   }
-  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  perTimer(st, n);
 }
 void Wheel_FireAll(benchmark::State& st) { wheelFire<false>(st); }
 void Wheel_FireTimeline(benchmark::State& st) { wheelFire<true>(st); }
@@ -235,8 +240,7 @@ void Floor_FireAll(benchmark::State& st) {
     f.reset();
     st.ResumeTiming();
   }
-  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  perTimer(st, n);
 }
 
 // ---- std::multimap ----------------------------------------------------------------------------
@@ -299,8 +303,7 @@ void Multimap_FireAll(benchmark::State& st) {
     f.reset();
     st.ResumeTiming();
   }
-  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  perTimer(st, n);
 }
 
 // Waits out the peers' timers in real time, outside the measured part.
@@ -318,6 +321,29 @@ void passUntilFired(benchmark::State& st, long const& fired, int n, Pass pass) {
     st.ResumeTiming();
     pass();
   }
+}
+
+// A peer's fire-all: its timers are built and their deadlines waited out untimed, then the
+// loop passes that fire them are timed.
+template <class F, class Make, class Pass>
+void peerFireAll(benchmark::State& st, int waitForMs, Make make, Pass pass) {
+  dropFixture();
+  int const n = static_cast<int>(st.range(0));
+  for (auto _ : st) {
+    st.PauseTiming();
+    std::unique_ptr<F> f = make(n);
+    waitMs(waitForMs);
+    st.ResumeTiming();
+    passUntilFired(st, f->fired, n, [&] { pass(*f); });
+    st.PauseTiming();
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
+    f.reset();
+    st.ResumeTiming();
+  }
+  perTimer(st, n);
 }
 
 // ---- libevent ------------------------------------------------------------------------------------
@@ -372,24 +398,9 @@ void Libevent_CancelArm(benchmark::State& st) {
 }
 
 void Libevent_FireAll(benchmark::State& st) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
-  for (auto _ : st) {
-    st.PauseTiming();
-    auto f = std::make_unique<EventFixture>(n, 2000);
-    waitMs(4);
-    st.ResumeTiming();
-    passUntilFired(st, f->fired, n, [&] { event_base_loop(f->base, EVLOOP_NONBLOCK); });
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  peerFireAll<EventFixture>(
+      st, 4, [](int n) { return std::make_unique<EventFixture>(n, 2000); },
+      [](EventFixture& f) { event_base_loop(f.base, EVLOOP_NONBLOCK); });
 }
 #endif
 
@@ -440,24 +451,8 @@ void Libuv_CancelArm(benchmark::State& st) {
 }
 
 void Libuv_FireAll(benchmark::State& st) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
-  for (auto _ : st) {
-    st.PauseTiming();
-    auto f = std::make_unique<UvFixture>(n, 3);
-    waitMs(5);
-    st.ResumeTiming();
-    passUntilFired(st, f->fired, n, [&] { uv_run(&f->loop, UV_RUN_NOWAIT); });
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  st.counters["per_timer"] = benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate |
-                                                       benchmark::Counter::kInvert);
+  peerFireAll<UvFixture>(
+      st, 5, [](int n) { return std::make_unique<UvFixture>(n, 3); }, [](UvFixture& f) { uv_run(&f.loop, UV_RUN_NOWAIT); });
 }
 #endif
 
