@@ -77,8 +77,25 @@ void dropFixture() {
 // least a hundred thousand firings per size while bounding the peers' real waiting.
 int fireIterations(int n) { return std::max(3, 100000 / n); }
 
-// The fire-all benchmarks report the time per fired timer.
-void perTimer(benchmark::State& st, int n) {
+// Fire-all: each iteration, prepare(n) builds n timers and makes them due, untimed; then
+// fire(fixture) is timed, and every timer must have fired. Reports the time per timer.
+template <class Prepare, class Fire>
+void fireAll(benchmark::State& st, Prepare prepare, Fire fire) {
+  dropFixture();
+  int const n = static_cast<int>(st.range(0));
+  for (auto _ : st) {
+    st.PauseTiming();
+    auto f = prepare(n);
+    st.ResumeTiming();
+    fire(*f);
+    st.PauseTiming();
+    if (f->fired != n) {
+      st.SkipWithError("not every timer fired");
+      break;
+    }
+    f.reset();
+    st.ResumeTiming();
+  }
   st.counters["per_timer"] =
       benchmark::Counter(n, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
@@ -148,29 +165,21 @@ void Wheel_CancelArm(benchmark::State& st) {
 
 template <bool timeline, U32 bucketSize = 256>
 void wheelFire(benchmark::State& st) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
   auto sm = Quor::quorActivitySmFor(nullptr);
-  for (auto _ : st) {
-    st.PauseTiming();
-    auto f = std::make_unique<WheelFixture>(n, true, bucketSize);
-    Quor::Seconds const end = Quor::now() + horizonMs * 1e-3 + 1;
-    if (!timeline) f->vt->advance(horizonMs * 1e-3 + 1);  // all due at once: catching up
-    st.ResumeTiming();
-    if (timeline) {
-      sm->runUntil(end);
-    } else {
-      while (f->fired < n) sm->runOnce();  // a turn or two: the last due slot waits one turn
-    }
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  perTimer(st, n);
+  fireAll(
+      st,
+      [](int n) {
+        auto f = std::make_unique<WheelFixture>(n, true, bucketSize);
+        if (!timeline) f->vt->advance(horizonMs * 1e-3 + 1);  // all due at once: catching up
+        return f;
+      },
+      [&](WheelFixture& f) {
+        if (timeline) {
+          sm->runUntil(Quor::now() + horizonMs * 1e-3 + 1);
+        } else {
+          while (f.fired < f.n) sm->runOnce();  // a turn or two: the last due slot waits one turn
+        }
+      });
 }
 void Wheel_FireAll(benchmark::State& st) { wheelFire<false>(st); }
 void Wheel_FireTimeline(benchmark::State& st) { wheelFire<true>(st); }
@@ -225,22 +234,11 @@ struct FloorFixture {
 };
 
 void Floor_FireAll(benchmark::State& st) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
-  for (auto _ : st) {
-    st.PauseTiming();
-    auto f = std::make_unique<FloorFixture>(n);
-    st.ResumeTiming();
-    for (FloorTimer* t = f->head; t; t = t->next) t->onTime();
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  perTimer(st, n);
+  fireAll(
+      st, [](int n) { return std::make_unique<FloorFixture>(n); },
+      [](FloorFixture& f) {
+        for (FloorTimer* t = f.head; t; t = t->next) t->onTime();
+      });
 }
 
 // ---- std::multimap ----------------------------------------------------------------------------
@@ -283,27 +281,16 @@ void Multimap_CancelArm(benchmark::State& st) {
 }
 
 void Multimap_FireAll(benchmark::State& st) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
-  for (auto _ : st) {
-    st.PauseTiming();
-    auto f = std::make_unique<MapFixture>(n);
-    double const now = horizonMs * 1e-3 + 1;
-    st.ResumeTiming();
-    while (!f->map.empty() && f->map.begin()->first <= now) {
-      f->map.begin()->second->it = f->map.end();
-      f->map.erase(f->map.begin());
-      benchmark::DoNotOptimize(++f->fired);
-    }
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  perTimer(st, n);
+  fireAll(
+      st, [](int n) { return std::make_unique<MapFixture>(n); },
+      [](MapFixture& f) {
+        double const now = horizonMs * 1e-3 + 1;
+        while (!f.map.empty() && f.map.begin()->first <= now) {
+          f.map.begin()->second->it = f.map.end();
+          f.map.erase(f.map.begin());
+          benchmark::DoNotOptimize(++f.fired);
+        }
+      });
 }
 
 // Waits out the peers' timers in real time, outside the measured part.
@@ -323,27 +310,17 @@ void passUntilFired(benchmark::State& st, long const& fired, int n, Pass pass) {
   }
 }
 
-// A peer's fire-all: its timers are built and their deadlines waited out untimed, then the
-// loop passes that fire them are timed.
-template <class F, class Make, class Pass>
+// A peer's fire-all: its deadlines are waited out untimed, then its loop passes are timed.
+template <class Make, class Pass>
 void peerFireAll(benchmark::State& st, int waitForMs, Make make, Pass pass) {
-  dropFixture();
-  int const n = static_cast<int>(st.range(0));
-  for (auto _ : st) {
-    st.PauseTiming();
-    std::unique_ptr<F> f = make(n);
-    waitMs(waitForMs);
-    st.ResumeTiming();
-    passUntilFired(st, f->fired, n, [&] { pass(*f); });
-    st.PauseTiming();
-    if (f->fired != n) {
-      st.SkipWithError("not every timer fired");
-      break;
-    }
-    f.reset();
-    st.ResumeTiming();
-  }
-  perTimer(st, n);
+  fireAll(
+      st,
+      [&](int n) {
+        auto f = make(n);
+        waitMs(waitForMs);
+        return f;
+      },
+      [&](auto& f) { passUntilFired(st, f.fired, f.n, [&] { pass(f); }); });
 }
 
 // ---- libevent ------------------------------------------------------------------------------------
@@ -398,7 +375,7 @@ void Libevent_CancelArm(benchmark::State& st) {
 }
 
 void Libevent_FireAll(benchmark::State& st) {
-  peerFireAll<EventFixture>(
+  peerFireAll(
       st, 4, [](int n) { return std::make_unique<EventFixture>(n, 2000); },
       [](EventFixture& f) { event_base_loop(f.base, EVLOOP_NONBLOCK); });
 }
@@ -451,7 +428,7 @@ void Libuv_CancelArm(benchmark::State& st) {
 }
 
 void Libuv_FireAll(benchmark::State& st) {
-  peerFireAll<UvFixture>(
+  peerFireAll(
       st, 5, [](int n) { return std::make_unique<UvFixture>(n, 3); }, [](UvFixture& f) { uv_run(&f.loop, UV_RUN_NOWAIT); });
 }
 #endif
