@@ -3,6 +3,7 @@
 BUILD        ?= build
 BUILD_ASAN   ?= build-asan
 BUILD_FUZZ   ?= build-fuzz
+BUILD_COV    ?= build-cov
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR    := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
@@ -14,7 +15,7 @@ BUILD_LIBS := /usr/include/gtest/gtest.h:libgtest-dev /usr/include/gmock/gmock.h
 BENCH_LIBS := /usr/include/event2/event.h:libevent-dev /usr/include/uv.h:libuv1-dev \
               /usr/include/boost/dynamic_bitset.hpp:libboost-dev /usr/include/roaring/roaring.h:libroaring-dev
 
-.PHONY: all deps bench-deps build test test-sanitize demo bench fuzz install clean
+.PHONY: all deps bench-deps build test test-sanitize demo bench fuzz coverage install clean
 
 all: build
 
@@ -74,8 +75,23 @@ fuzz:
 	cmake --build $(BUILD_FUZZ) -j $(JOBS)
 	@for f in $(BUILD_FUZZ)/fuzz/*_fuzz; do echo "== $$f"; $$f -max_total_time=20 -timeout=5 || exit 1; done
 
+# Line and branch coverage of framework/ and src/ under the whole suite (gcovr).
+coverage: deps
+	$(call ensure_packages,gcovr:gcovr)
+	cmake -S . -B $(BUILD_COV) $(GENERATOR) -DCMAKE_BUILD_TYPE=Debug -DVELL_BUILD_BENCH=OFF \
+	  -DCMAKE_CXX_FLAGS="--coverage -O0 -fprofile-update=atomic" -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage
+	cmake --build $(BUILD_COV) -j $(JOBS)
+	find $(BUILD_COV) -name '*.gcda' -delete
+	ctest --test-dir $(BUILD_COV) --output-on-failure -j $(JOBS)
+	gcovr -r . --object-directory $(BUILD_COV) --filter 'framework/' --filter 'src/' \
+	  --exclude-unreachable-branches --exclude-throw-branches --print-summary \
+	  --branches -o $(BUILD_COV)/coverage-branches.txt
+	gcovr -r . --object-directory $(BUILD_COV) --filter 'framework/' --filter 'src/' \
+	  --exclude-unreachable-branches --exclude-throw-branches -o $(BUILD_COV)/coverage.txt
+	@echo "Per-file reports: $(BUILD_COV)/coverage.txt (lines), $(BUILD_COV)/coverage-branches.txt"
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ)
+	rm -rf $(BUILD) $(BUILD_ASAN) $(BUILD_FUZZ) $(BUILD_COV)
