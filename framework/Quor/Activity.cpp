@@ -25,6 +25,17 @@ std::map<Name, Ptr<ActivityConfig>>& activities() {
 }
 
 constexpr int maxEvents = 64;
+
+// Failures of the loop's own system calls. Rate-limited to one a minute: a failure that
+// repeats every turn must not flood the log.
+LogHandle& loopError() {
+  static auto* h = new LogHandle(
+      "ACTIVITY_LOOP_ERROR", LogSeverity::error, "%s failed on activity %s (descriptor %d): %s",
+      "The event loop could not wait for descriptors or change what it watches; the reactors of "
+      "that descriptor may not be called.",
+      "Check the process's descriptor and memory limits; restart the agent if this repeats.", 60.0, 1.0);
+  return *h;
+}
 }  // namespace
 
 // ---- activities ----
@@ -63,29 +74,104 @@ ActivitySm::~ActivitySm() {
   if (epoll_ >= 0) ::close(epoll_);
 }
 
-Seconds ActivitySm::nextTimeMin() const { return armed_.empty() ? endOfTime : armed_.begin()->first.first; }
+Seconds ActivitySm::nextTimeMin() const { return heap_.empty() ? endOfTime : heap_.front().time; }
 
-U64 ActivitySm::arm(Clock::NotifieeConst* n, Seconds t) {
-  U64 const seq = nextSeq_++;
-  armed_.emplace(Key(t, seq), n);
-  return seq;
+// ---- the heap of armed clock reactors ----
+// Every move of an entry writes the reactor's slot, so disarming finds it in O(1).
+
+void ActivitySm::heapPlace(U32 slot, Armed const& a) {
+  heap_[slot] = a;
+  a.reactor->slot_ = slot;
 }
 
-void ActivitySm::disarm(Clock::NotifieeConst* n) { armed_.erase(Key(n->timeMin_, n->armSeq_)); }
+void ActivitySm::siftUp(U32 slot, Armed const& a) {
+  while (slot > 0) {
+    U32 const parent = (slot - 1) / 2;
+    if (!a.before(heap_[parent])) break;
+    heapPlace(slot, heap_[parent]);
+    slot = parent;
+  }
+  heapPlace(slot, a);
+}
+
+void ActivitySm::siftDown(U32 slot, Armed const& a) {
+  U32 const n = static_cast<U32>(heap_.size());
+  for (;;) {
+    U32 child = 2 * slot + 1;
+    if (child >= n) break;
+    if (child + 1 < n && heap_[child + 1].before(heap_[child])) ++child;
+    if (!heap_[child].before(a)) break;
+    heapPlace(slot, heap_[child]);
+    slot = child;
+  }
+  heapPlace(slot, a);
+}
+
+void ActivitySm::heapPush(Armed const& a) {
+  heap_.push_back(a);
+  siftUp(static_cast<U32>(heap_.size() - 1), a);
+}
+
+void ActivitySm::heapRemove(U32 slot) {
+  Armed const last = heap_.back();
+  heap_.pop_back();
+  if (slot == heap_.size()) return;
+  // The last entry takes the hole; it may belong above or below it.
+  if (slot > 0 && last.before(heap_[(slot - 1) / 2])) {
+    siftUp(slot, last);
+  } else {
+    siftDown(slot, last);
+  }
+}
+
+void ActivitySm::arm(Clock::NotifieeConst* n, Seconds t) {
+  n->armedIn_ = this;
+  n->setAside_ = false;
+  heapPush(Armed{t, nextSeq_++, n});
+}
+
+void ActivitySm::disarm(Clock::NotifieeConst* n) {
+  if (!n->setAside_) {
+    heapRemove(n->slot_);
+    return;
+  }
+  // Set aside during a turn: order there does not matter, so swap with the last.
+  U32 const slot = n->slot_;
+  setAside_[slot] = setAside_.back();
+  setAside_[slot].reactor->slot_ = slot;
+  setAside_.pop_back();
+  n->setAside_ = false;
+}
 
 // Runs the reactors due at the start of the call, in (timeMin, arming) order. A reactor
-// re-armed in the past from its onTime() is not due in this pass: it runs next turn, so
-// a reactor that always re-arms cannot starve descriptors.
+// armed in the past during this pass (typically re-arming itself from onTime) is not due
+// in it: it is set aside and runs next turn, so a reactor that always re-arms cannot
+// starve descriptors, and each one costs O(log n) instead of a rescan of the due set.
 bool ActivitySm::runDueClocks() {
   Seconds const t = now();
   U64 const passSeq = nextSeq_;
   bool ran = false;
-  for (;;) {
-    auto it = armed_.begin();
-    while (it != armed_.end() && it->first.first <= t && it->first.second >= passSeq) ++it;
-    if (it == armed_.end() || it->first.first > t) break;
-    Clock::NotifieeConst* n = it->second;
-    armed_.erase(it);
+  // Put the set-aside reactors back however the pass ends, an escaping exception included.
+  struct Restore {
+    ActivitySm* sm;
+    ~Restore() {
+      for (Armed const& a : sm->setAside_) {
+        a.reactor->setAside_ = false;
+        sm->heapPush(a);
+      }
+      sm->setAside_.clear();
+    }
+  } const restore{this};
+  while (!heap_.empty() && heap_.front().time <= t) {
+    Armed const top = heap_.front();
+    heapRemove(0);
+    Clock::NotifieeConst* n = top.reactor;
+    if (top.seq >= passSeq) {
+      n->slot_ = static_cast<U32>(setAside_.size());
+      n->setAside_ = true;
+      setAside_.push_back(top);
+      continue;
+    }
     n->armedIn_ = nullptr;
     n->timeMin_ = endOfTime;  // one-shot: reset before the call, so onTime may re-arm
     if (n->isDestroying()) continue;
@@ -116,7 +202,10 @@ bool ActivitySm::pollDescriptors(int timeoutMs) {
     n = ::epoll_wait(epoll_, events, maxEvents, timeoutMs);
   } while (n < 0 && errno == EINTR);
   if (n < 0) {
-    QUOR_TRACE(trace(), 0, "epoll_wait failed: " << std::strerror(errno));
+    int const err = errno;
+    QUOR_TRACE(trace(), 0, "epoll_wait failed: " << std::strerror(err));
+    loopError().log("epoll_wait", name().charPtr(), epoll_, std::strerror(err));
+    errno = err;
     return ran;
   }
   for (int i = 0; i < n; ++i) {
@@ -187,9 +276,7 @@ Clock::NotifieeConst::~NotifieeConst() { disarm(); }
 
 void Clock::NotifieeConst::arm() {
   if (!clock_ || timeMin_ == endOfTime) return;
-  ActivitySm* sm = clock_->activity()->activitySm().ptr();
-  armSeq_ = sm->arm(this, timeMin_);
-  armedIn_ = sm;
+  clock_->activity()->activitySm()->arm(this, timeMin_);
 }
 
 void Clock::NotifieeConst::disarm() {
@@ -316,6 +403,8 @@ bool ActivitySm::setInterest(FileDescriptor* fd, U32 events) {
       return true;
     }
     QUOR_TRACE(trace(), 0, "epoll_ctl(" << op << ", " << fd->fd_ << ") failed: " << std::strerror(err));
+    loopError().log(op == EPOLL_CTL_ADD ? "epoll_ctl(ADD)" : op == EPOLL_CTL_MOD ? "epoll_ctl(MOD)" : "epoll_ctl(DEL)",
+                    name().charPtr(), fd->fd_, std::strerror(err));
     if (op == EPOLL_CTL_DEL) {
       fd->interest_ = 0;
       --registered_;

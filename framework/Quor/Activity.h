@@ -6,9 +6,20 @@
 // timeMin order, equal times in arming order; a reactor armed in the past runs on the
 // next turn. Under virtual time the loop never sleeps: when nothing is due and no
 // descriptor is ready it jumps to the earliest armed timeMin.
+//
+// Costs: armed clock reactors sit in a binary heap keyed by (timeMin, arming sequence),
+// with each reactor's heap position stored in the reactor, so arming, re-arming and
+// disarming are O(log n) and allocate nothing once the heap has grown to its peak. A
+// turn costs O(log n) per reactor it runs, also when those reactors re-arm themselves
+// in the past (they are set aside for the turn and put back after it).
+//
+// Exceptions: an exception that escapes a reactor (onTime, onReadableCount, ...) is not
+// caught by the loop; it leaves runOnce()/run() and reaches the caller. The loop stays
+// consistent: the reactor that threw has already been disarmed (a clock reactor is
+// one-shot) or simply stays registered (a descriptor), the rest of the turn is skipped,
+// and the next runOnce() carries on with whatever is still armed or ready.
 #pragma once
 #include <functional>
-#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -68,8 +79,9 @@ class QUOR_API Clock : public Entity {
     void disarm();
     Ptr<Clock const> clock_;
     Seconds timeMin_ = endOfTime;
-    U64 armSeq_ = 0;
     ActivitySm* armedIn_ = nullptr;
+    U32 slot_ = 0;           // position in the loop's heap, or in its set-aside list
+    bool setAside_ = false;  // due but armed during the running turn: waits for the next
   };
 
   explicit Clock(Name const& name, Ptr<ActivityConfig> const& activity)
@@ -154,17 +166,28 @@ class QUOR_API ActivitySm : public Entity {
 
   /// The earliest armed timeMin, or endOfTime.
   Seconds nextTimeMin() const;
-  std::size_t armedClockReactors() const { return armed_.size(); }
+  std::size_t armedClockReactors() const { return heap_.size() + setAside_.size(); }
   std::size_t descriptors() const { return fds_.size(); }
 
  private:
   friend class Clock::NotifieeConst;
   friend class FileDescriptor;
-  using Key = std::pair<Seconds, U64>;
+  /// A heap entry carries its key, so sifting compares without touching the reactors.
+  struct Armed {
+    Seconds time;
+    U64 seq;
+    Clock::NotifieeConst* reactor;
+    bool before(Armed const& o) const { return time < o.time || (time == o.time && seq < o.seq); }
+  };
   bool runDueClocks();
   bool pollDescriptors(int timeoutMs);
-  U64 arm(Clock::NotifieeConst* n, Seconds t);
+  void arm(Clock::NotifieeConst* n, Seconds t);
   void disarm(Clock::NotifieeConst* n);
+  void heapPush(Armed const& a);
+  void heapRemove(U32 slot);
+  void heapPlace(U32 slot, Armed const& a);
+  void siftUp(U32 slot, Armed const& a);
+  void siftDown(U32 slot, Armed const& a);
   U64 addDescriptor(FileDescriptor* fd);
   void removeDescriptor(FileDescriptor* fd);
   bool setInterest(FileDescriptor* fd, U32 events);
@@ -173,7 +196,8 @@ class QUOR_API ActivitySm : public Entity {
   U64 nextSeq_ = 1;
   U64 nextFdId_ = 1;
   bool stopped_ = false;
-  std::map<Key, Clock::NotifieeConst*> armed_;
+  std::vector<Armed> heap_;      // armed clock reactors, earliest first
+  std::vector<Armed> setAside_;  // due, but armed during the running turn
   std::unordered_map<U64, FileDescriptor*> fds_;
   std::vector<U64> alwaysReady_;
   std::size_t registered_ = 0;  // descriptors with an epoll registration

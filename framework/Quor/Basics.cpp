@@ -73,11 +73,41 @@ bool virtualOn = false;
 Seconds virtualNow = 0;
 }  // namespace
 
+namespace {
+Seconds readClock(clockid_t id) {
+  timespec ts;
+  ::clock_gettime(id, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+Seconds systemWall() { return readClock(CLOCK_REALTIME); }
+Seconds systemMonotonic() { return readClock(CLOCK_MONOTONIC); }
+
+Seconds (*wallSource)() = systemWall;
+Seconds (*monotonicSource)() = systemMonotonic;
+// now() = wall clock at the first call + monotonic time since then.
+bool originSet = false;
+Seconds originOffset = 0;  // wall - monotonic at the first call
+
+[[gnu::noinline]] Seconds setOrigin() {
+  Seconds const mono = monotonicSource();
+  originOffset = wallSource() - mono;
+  originSet = true;
+  return mono;
+}
+}  // namespace
+
 Seconds now() {
   if (virtualOn) return virtualNow;
-  timespec ts;
-  ::clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+  if (!originSet) [[unlikely]] return originOffset + setOrigin();
+  return originOffset + monotonicSource();
+}
+
+Seconds wallClockNow() { return wallSource(); }
+
+void detail::systemClocksIs(Seconds (*wall)(), Seconds (*monotonic)()) {
+  wallSource = wall ? wall : systemWall;
+  monotonicSource = monotonic ? monotonic : systemMonotonic;
+  originSet = false;
 }
 
 bool virtualTimeActive() { return virtualOn; }
