@@ -254,6 +254,7 @@ TimerWheel::TimerWheel(Quor::Ptr<Quor::ActivityConfig> const& activity, Quor::Pt
     : Entity("TimerWheel"),
       quorFwkActivity_(activity),
       systemClock_(clock),
+      loop_(Quor::quorActivitySmFor(clock ? clock->activity() : activity).ptr()),
       tickMsecs_(QUOR_CHECK_RANGE("TimerWheel", "tickMsecs", tickMsecs, 1, 3600000)),
       initialMaxTicks_(QUOR_CHECK_RANGE("TimerWheel", "initialMaxTicks", initialMaxTicks, 2, 0xffffffff)),
       preserveOrder_(preserveOrder),
@@ -383,19 +384,20 @@ HOT void TimerWheel::timeUpdateIs(NotifieeConst* n) {
 
 HOT void TimerWheel::newTimer(NotifieeConst* n) {
   QUOR_TRACE(traceHandle, 1, "newTimer: " << id(n));
-  time_ = Quor::now();  // distances are measured from the present
+  Quor::Seconds const now = loop_->time();
   if (scheduledWheelIndex_ != InvalidWheelIndex) {
-    maybePullUpWheelTime(time_);
+    maybePullUpWheelTime(now);
   } else {
     // At rest: restart from slot 0 at the present.
     QUOR_ASSERT_TEXT(!systemClockHandlerActive(), "!tw->systemClockHandlerActive()");
     for (Bucket& bk : buckets_) bk.current = 0;
-    restartTime_ = time_;
+    restartTime_ = now;
     elapsedTicks_ = 0;
-    currentWheelIndexTime_ = time_;
+    currentWheelIndexTime_ = now;
   }
+  time_ = currentWheelIndexTime_;  // distances count from the current slot's time
   n->armSeq_ = nextArmSeq_++;
-  insertNotifiee(n, placementTicks(n, lagTicks()));
+  insertNotifiee(n, forwardTicks(n));
   if (!systemClockHandlerActive_) maybeUpdateSystemClock(n->bucketIndex_, n->wheelIndex_, true);
 }
 
@@ -419,30 +421,12 @@ HOT U32 TimerWheel::forwardTicks(NotifieeConst const* n) const {
   return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
 }
 
-// Whole ticks by which the current slot lags the present: the loop was late, or firing
-// is catching up, and the pull-up may not pass a slot that is still due.
-HOT U64 TimerWheel::lagTicks() const {
-  if (!(time_ > currentWheelIndexTime_)) return 0;
-  return msecsToTicks(roundedMsecs(time_ - currentWheelIndexTime_));
-}
-
 // Whole ticks in a number of milliseconds, rounded down. Most wheels tick in 1 ms, and a
 // 32-bit division is several times cheaper than a 64-bit one.
 HOT U64 TimerWheel::msecsToTicks(U64 ms) const {
   if (tickMsecs_ == 1) return ms;
   if (ms <= 0xffffffffu) return static_cast<U32>(ms) / tickMsecs_;
   return ms / tickMsecs_;
-}
-
-// Slots from the current one: the distance from the present plus the lag, so that a
-// timer placed while the wheel catches up is not fired early by the backlog. A timer
-// already due goes to the current slot and fires as the wheel catches up, in order
-// with the others. Without a lag this is forwardTicks() itself.
-HOT U32 TimerWheel::placementTicks(NotifieeConst const* n, U64 lag) const {
-  U64 const distance = forwardTicks(n);
-  if (distance == 0) return 0;
-  U64 const ticks = distance + lag;
-  return ticks > 0xffffffffu ? 0xffffffffu : static_cast<U32>(ticks);
 }
 
 HOT void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
@@ -591,10 +575,9 @@ void TimerWheel::handleSystemClock() {
   if (!initialized()) return;
   Quor::Seconds const start = Quor::now();
   for (;;) {
-    time_ = Quor::now();
     U32 const schedIndex = scheduledWheelIndex_;
     QUOR_ASSERT(schedIndex != InvalidWheelIndex);
-    QUOR_TRACE(traceHandle, 1, "In handleSystemClock at " << Secs{time_} << " schedIndex " << schedIndex);
+    QUOR_TRACE(traceHandle, 1, "In handleSystemClock at " << Secs{Quor::now()} << " schedIndex " << schedIndex);
     QUOR_ASSERT(!systemClockHandlerActive());
     systemClockHandlerActive_ = true;
     U32 served = schedIndex;
@@ -741,7 +724,7 @@ void TimerWheel::rearrangeTimers() {
   U32 const current = buckets_[0].current;
   QUOR_ASSERT_TEXT(current == ghostTimerIndex(), "current == tw->ghostTimerIndex()");
   buckets_[0].current = 0;
-  time_ = Quor::now();
+  time_ = currentWheelIndexTime_;  // cascaded distances count from the new turn's first slot
   U32 const last = bucketCount_ - 1;
   for (U32 b = 1; b <= last; ++b) {
     Bucket& bk = buckets_[b];
@@ -761,12 +744,11 @@ void TimerWheel::rearrangeTimers() {
 // Moves every timer of slot (b, i) down by its remaining distance. None can land in this
 // same slot: a coarser bucket only takes distances of at least one slot past its current.
 void TimerWheel::cascadeSlot(U32 b, U32 i) {
-  U64 const lag = lagTicks();
   HintWalk walk(buckets_[b].hints[i], spareHints_);
   while (NotifieeConst* n = wheelAt(b, i).h) {
     removeNotifiee(n);
     prefetchAfterHead(wheelAt(b, i));
-    insertNotifiee(n, placementTicks(n, lag));
+    insertNotifiee(n, forwardTicks(n));
     walk.stepped();
   }
 }

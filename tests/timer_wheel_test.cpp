@@ -152,9 +152,11 @@ struct Config {
 };
 
 // Drives a wheel and a model that knows, per timer, whether it is armed, its timeMin and
-// when it was armed. Each firing must be expected (once per arming) and lie within one
-// tick of its timeMin (a past timeMin counts as the arming time); it may be later only
-// because the loop was blocked, and then no later than the end of the block.
+// when it was armed. Each firing must be expected (once per arming), never before its
+// timeMin (a past timeMin counts as the arming time; distances are rounded to whole
+// milliseconds) and less than one tick after it; later only because the loop was
+// blocked, and then no later than the end of the block. Times and steps carry
+// microseconds, so the present is almost never on the tick grid.
 class Differential {
  public:
   Differential(Ptr<TimerWheel> tw, Config c, unsigned seed) : tw_(std::move(tw)), c_(c), rng_(seed) {
@@ -172,7 +174,7 @@ class Differential {
         for (int i = pick(0, 1) * pick(1, 8); i > 0; --i) randomOp(false);
         check("while behind", step);
       }
-      sm->runUntil(Quor::now() + pick(0, c_.maxAdvanceMs) / 1000.0);
+      sm->runUntil(Quor::now() + pick(0, c_.maxAdvanceMs) / 1000.0 + micros());
       check("after running", step);
     }
     draining_ = true;  // callbacks stop arming: everything armed must fire
@@ -199,6 +201,7 @@ class Differential {
     return e;
   }
   int pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng_); }
+  Seconds micros() { return pick(0, 999) / 1e6; }
 
   void arm(Entry& e, Seconds t) {
     if (t == e.t->timeMin()) return;  // unchanged: a no-op for the wheel too
@@ -217,11 +220,11 @@ class Differential {
     } else if (r < 20) {
       arm(e, Quor::endOfTime);
     } else if (r < 26) {
-      arm(e, now - pick(0, 50) / 1000.0);
+      arm(e, now - pick(0, 50) / 1000.0 - micros());
     } else if (r < 55) {
-      arm(e, now + pick(0, 4 * int(c_.tick * c_.size)) / 1000.0);
+      arm(e, now + pick(0, 4 * int(c_.tick * c_.size)) / 1000.0 + micros());
     } else if (r < 80) {
-      arm(e, now + pick(0, c_.maxOffsetMs) / 1000.0);  // often beyond capacity
+      arm(e, now + pick(0, c_.maxOffsetMs) / 1000.0 + micros());  // often beyond capacity
     } else if (r < 90 && !inCallback) {
       e.t->notifierIs(e.attached ? nullptr : tw_);  // detach, or attach with the kept timeMin
       e.attached = !e.attached;
@@ -236,14 +239,14 @@ class Differential {
     Entry& e = pool_[k];
     Seconds const t = Quor::now(), due = std::max(e.timeMin, e.armedAt), tick = c_.tick / 1000.0;
     if (!e.armed) ADD_FAILURE() << "timer " << k << " fired without being armed";
-    if (!(t > due - tick - 1e-6 && t <= std::max(due, blockEnd_) + tick + 1e-6))
+    if (!(t >= due - 0.0005 - 1e-9 && t < std::max(due, blockEnd_) + tick + 1e-6))
       ADD_FAILURE() << "timer " << k << " due at " << due - start << " fired at " << t - start;
     e.armed = false;
     e.timeMin = Quor::endOfTime;
     ++firings_;
     if (draining_) return;
     int const r = pick(0, 99);  // callbacks arm, cancel, re-arm and destroy, themselves included
-    if (r < 35) arm(e, t + pick(-5, 3 * int(c_.tick)) / 1000.0);
+    if (r < 35) arm(e, t + pick(-5, 3 * int(c_.tick)) / 1000.0 + micros());
     if (r >= 30 && r < 60) randomOp(true);
   }
 

@@ -149,6 +149,7 @@ void ActivitySm::disarm(Clock::NotifieeConst* n) {
 // starve descriptors, and each one costs O(log n) instead of a rescan of the due set.
 bool ActivitySm::runDueClocks() {
   Seconds const t = now();
+  turnTime_ = t;
   U64 const passSeq = nextSeq_;
   bool ran = false;
   // Put the set-aside reactors back however the pass ends, an escaping exception included.
@@ -201,6 +202,7 @@ bool ActivitySm::pollDescriptors(int timeoutMs) {
   do {
     n = ::epoll_wait(epoll_, events, maxEvents, timeoutMs);
   } while (n < 0 && errno == EINTR);
+  turnTime_ = now();  // the wait may have been long: reactors of this turn see the present
   if (n < 0) {
     int const err = errno;
     QUOR_TRACE(trace(), 0, "epoll_wait failed: " << std::strerror(err));
@@ -224,6 +226,13 @@ bool ActivitySm::pollDescriptors(int timeoutMs) {
 
 bool ActivitySm::runOnce(Seconds maxWait) {
   if (!(maxWait >= 0)) maxWait = 0;
+  // A nested runOnce (a reactor running the loop) keeps the outer turn's flag.
+  struct TurnFlag {
+    bool& flag;
+    bool const was;
+    explicit TurnFlag(bool& f) : flag(f), was(f) { flag = true; }
+    ~TurnFlag() { flag = was; }
+  } const turn(inTurn_);
   bool ran = runDueClocks();
   Seconds const next = nextTimeMin();
   Seconds const wakeAt = std::min(now() + maxWait, next);
@@ -267,6 +276,8 @@ void ActivitySm::run() {
 }
 
 // ---- clocks ----
+
+Seconds Clock::time() const { return activity_->activitySm()->time(); }
 
 Ptr<Clock> clockFactory(Name const& name, Ptr<ActivityConfig> const& activity) {
   return makeEntity<Clock>(name, activity ? activity : defaultActivityConfig());

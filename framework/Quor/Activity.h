@@ -87,7 +87,9 @@ class QUOR_API Clock : public Entity {
   explicit Clock(Name const& name, Ptr<ActivityConfig> const& activity)
       : Entity(name), activity_(activity) {}
   Ptr<ActivityConfig> const& activity() const { return activity_; }
-  Seconds time() const { return now(); }
+  /// The time of its activity's current loop turn (ActivitySm::time()): the cheap "now"
+  /// to add a delay to from a reactor.
+  Seconds time() const;
 
  private:
   Ptr<ActivityConfig> activity_;
@@ -164,6 +166,15 @@ class QUOR_API ActivitySm : public Entity {
   void run();
   void stop() { stopped_ = true; }
 
+  /// The present as this loop sees it: while the loop runs a turn, the time read when
+  /// the turn started (read again after waiting for descriptors); outside a turn,
+  /// Quor::now(). Reactors add delays to it instead of reading the clock each time, as
+  /// every timer of one turn is armed from the same present. It is never later than
+  /// now(), so a deadline computed from it is never later than one computed from now().
+  Seconds time() const { return inTurn_ ? turnTime_ : now(); }
+  /// True while runOnce() is running a turn.
+  bool inTurn() const { return inTurn_; }
+
   /// The earliest armed timeMin, or endOfTime.
   Seconds nextTimeMin() const;
   std::size_t armedClockReactors() const { return heap_.size() + setAside_.size(); }
@@ -196,6 +207,8 @@ class QUOR_API ActivitySm : public Entity {
   U64 nextSeq_ = 1;
   U64 nextFdId_ = 1;
   bool stopped_ = false;
+  bool inTurn_ = false;
+  Seconds turnTime_ = 0;
   std::vector<Armed> heap_;      // armed clock reactors, earliest first
   std::vector<Armed> setAside_;  // due, but armed during the running turn
   std::unordered_map<U64, FileDescriptor*> fds_;

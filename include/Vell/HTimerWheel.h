@@ -15,11 +15,20 @@
 // buckets hold timers, at the moment bucket 0 wraps (the "ghost" index). When bucket 0
 // wraps, the next slot of the coarser buckets is cascaded down.
 //
-// Precision: a timer fires on the wheel's tick grid, no earlier than its timeMin rounded
-// down to whole ticks and no later than one tick after that (later only when the loop
-// itself was late; the wheel then catches up without firing anything early). A timer
-// beyond the wheel's capacity (`maxTicks`) is parked in the farthest slot and placed
-// again from there, so capacity bounds the slots' memory, not the range.
+// Precision: a timer never fires before its timeMin (to the rounding of distances to whole
+// milliseconds, so at most half a millisecond) and, when the loop is on time, less than
+// one tick after it. Distances are measured from the time of the wheel's current slot,
+// not from the present: the present lies up to a tick (more when the loop was late)
+// after that slot, and a distance counted from the slot but measured from the present
+// would fire up to a tick early. A timer beyond the wheel's capacity (`maxTicks`) is
+// parked in the farthest slot and placed again from there, so capacity bounds the
+// slots' memory, not the range.
+//
+// The present: the wheel brings its current slot up to the time of its loop's current
+// turn (Quor::ActivitySm::time(), read once per turn) instead of reading the clock on
+// every arming; outside a turn it reads Quor::now(). From a reactor, arm with
+// `clock->time() + delay` for the same saving: the turn's time is never later than
+// now(), so such a timer is never early, at worst late by the time the turn has taken.
 //
 // Usage:
 //   auto tw = Vell::timerWheelFactory(activity, clock, 10, 1 << 20, false, 256);
@@ -146,7 +155,8 @@ class QUOR_API TimerWheel : public Quor::Entity {
   U32 currentWheelIndex(U32 b) const;
 
   // ---- state ----
-  /// The present, as last measured (refreshed before every placement and wake-up).
+  /// The wheel's present: the time of its current slot once it has been brought up to
+  /// the present before a placement or a wake-up. Distances are measured from it.
   Quor::Seconds time() const { return time_; }
   /// The time currentWheelIndex(0) stands for; Quor::endOfTime at rest.
   Quor::Seconds currentWheelIndexTime() const { return currentWheelIndexTime_; }
@@ -198,8 +208,6 @@ class QUOR_API TimerWheel : public Quor::Entity {
   QUOR_LOCAL void deleteTimer(NotifieeConst* n);
   QUOR_LOCAL U32 forwardTicks(NotifieeConst const* n) const;
   QUOR_LOCAL U64 msecsToTicks(U64 ms) const;
-  QUOR_LOCAL U64 lagTicks() const;
-  QUOR_LOCAL U32 placementTicks(NotifieeConst const* n, U64 lag) const;
   QUOR_LOCAL void insertNotifiee(NotifieeConst* n, U32 ticks);
   QUOR_LOCAL void removeNotifiee(NotifieeConst* n);
   QUOR_LOCAL HeadNTail& wheelAt(U32 b, U32 i);
@@ -219,6 +227,7 @@ class QUOR_API TimerWheel : public Quor::Entity {
 
   Quor::Ptr<Quor::ActivityConfig> quorFwkActivity_;
   Quor::Ptr<Quor::Clock const> systemClock_;
+  Quor::ActivitySm* loop_;  // whose turn time is the present; activities live for the process
   U32 tickMsecs_;
   U32 initialMaxTicks_;
   bool preserveOrder_;
