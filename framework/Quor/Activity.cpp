@@ -277,7 +277,8 @@ void ActivitySm::run() {
 
 // ---- clocks ----
 
-Seconds Clock::time() const { return activity_->activitySm()->time(); }
+Clock::Clock(Name const& name, Ptr<ActivityConfig> const& activity)
+    : Entity(name), activity_(activity), loop_(activity_->activitySm().ptr()) {}
 
 Ptr<Clock> clockFactory(Name const& name, Ptr<ActivityConfig> const& activity) {
   return makeEntity<Clock>(name, activity ? activity : defaultActivityConfig());
@@ -287,7 +288,7 @@ Clock::NotifieeConst::~NotifieeConst() { disarm(); }
 
 void Clock::NotifieeConst::arm() {
   if (!clock_ || timeMin_ == endOfTime) return;
-  clock_->activity()->activitySm()->arm(this, timeMin_);
+  clock_->loop()->arm(this, timeMin_);
 }
 
 void Clock::NotifieeConst::disarm() {

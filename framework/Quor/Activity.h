@@ -84,15 +84,17 @@ class QUOR_API Clock : public Entity {
     bool setAside_ = false;  // due but armed during the running turn: waits for the next
   };
 
-  explicit Clock(Name const& name, Ptr<ActivityConfig> const& activity)
-      : Entity(name), activity_(activity) {}
+  Clock(Name const& name, Ptr<ActivityConfig> const& activity);
   Ptr<ActivityConfig> const& activity() const { return activity_; }
+  /// The loop of its activity (activities live as long as the process).
+  ActivitySm* loop() const { return loop_; }
   /// The time of its activity's current loop turn (ActivitySm::time()): the cheap "now"
   /// to add a delay to from a reactor.
   Seconds time() const;
 
  private:
   Ptr<ActivityConfig> activity_;
+  ActivitySm* loop_;
 };
 
 QUOR_API Ptr<Clock> clockFactory(Name const& name,
@@ -215,5 +217,7 @@ class QUOR_API ActivitySm : public Entity {
   std::vector<U64> alwaysReady_;
   std::size_t registered_ = 0;  // descriptors with an epoll registration
 };
+
+inline Seconds Clock::time() const { return loop_->time(); }
 
 }  // namespace Quor
