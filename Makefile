@@ -15,7 +15,7 @@ BUILD_LIBS := /usr/include/gtest/gtest.h:libgtest-dev /usr/include/gmock/gmock.h
 BENCH_LIBS := /usr/include/event2/event.h:libevent-dev /usr/include/uv.h:libuv1-dev \
               /usr/include/boost/dynamic_bitset.hpp:libboost-dev /usr/include/roaring/roaring.h:libroaring-dev
 
-.PHONY: all deps bench-deps build test test-sanitize demo bench fuzz coverage install clean
+.PHONY: all deps bench-deps build test test-sanitize demo bench plots fuzz coverage install clean
 
 all: build
 
@@ -66,7 +66,17 @@ demo: build
 bench: bench-deps $(BUILD)/CMakeCache.txt
 	cmake -S . -B $(BUILD) -DVELL_BUILD_BENCH=ON
 	cmake --build $(BUILD) -j $(JOBS)
-	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.2 || exit 1; done
+	@mkdir -p $(BUILD)/bench-json
+	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; \
+	  $$b --benchmark_min_time=0.2 --benchmark_out=$(BUILD)/bench-json/$$(basename $$b).json \
+	    --benchmark_out_format=json || exit 1; done
+	@echo "Results in Google Benchmark's JSON: $(BUILD)/bench-json/ ('make plots' draws them)"
+
+# Scaling figures from the JSON of the last 'make bench' (runs it first when there is none).
+plots:
+	$(call ensure_packages,/usr/bin/python3:python3 /usr/lib/python3/dist-packages/matplotlib:python3-matplotlib)
+	@ls $(BUILD)/bench-json/*.json >/dev/null 2>&1 || $(MAKE) bench
+	/usr/bin/python3 tools/plot_bench.py $(BUILD)/bench-json docs/bench
 
 fuzz:
 	@command -v clang++ >/dev/null 2>&1 || { echo "error: make fuzz needs clang++" >&2; exit 1; }
