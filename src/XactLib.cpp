@@ -192,6 +192,8 @@ void XactAggregatorSm::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
   clock_->timeMinIs(armed);  // a poll in progress goes on
 }
 
+Quor::Seconds XactAggregatorSm::clockTimeMin() const { return clock_ ? clock_->timeMin() : Quor::endOfTime; }
+
 std::vector<U32> XactAggregatorSm::inProgressIds() const {
   std::vector<U32> ids;
   ids.reserve(inProgress_.size());

@@ -297,6 +297,8 @@ class QUOR_API XactAggregatorSm : public Quor::Entity {
   /// The timeout poll's reactor, or null without a clock.
   Quor::Ptr<QuorClock> const& clock() const { return clock_; }
   void clockIs(Quor::Ptr<Quor::Clock const> const& clock);
+  /// When the next timeout poll runs (Quor::endOfTime: none is due, or no clock).
+  Quor::Seconds clockTimeMin() const;
 
   // ---- reactions (run by the nested reactors) ----
   void handleStatusChange(U32 id);
