@@ -1,6 +1,7 @@
 // Transaction records and their directories: attributes that notify only on change.
 #include <Vell/XactLib.h>
 
+#include <algorithm>
 #include <string>
 
 namespace Vell {
@@ -10,25 +11,25 @@ namespace Vell {
 // A reactor may drop the last outside reference while it is being told of a change.
 Quor::Ptr<Xact> Xact::hold() { return Quor::Ptr<Xact>(references() ? this : nullptr); }
 
-void Xact::configVersionIs(U32 v) {
-  auto const keep = hold();
-  Quor::attrIs(configVersion_, v, notifiees_, &NotifieeConst::onConfigVersion);
+namespace {
+// Sets and notifies; the entity is held only while someone is told.
+template <class T, class R>
+void notifyingSet(Xact& x, T& field, T const& v, R reaction) {
+  if (field == v) return;
+  field = v;
+  if (x.notifiees().empty()) return;
+  Quor::Ptr<Xact> const keep(x.references() ? &x : nullptr);
+  x.notifiees().notify(reaction);
 }
+}  // namespace
 
-void Xact::startTimeIs(Quor::Seconds t) {
-  auto const keep = hold();
-  Quor::attrIs(startTime_, t, notifiees_, &NotifieeConst::onStartTime);
-}
+void Xact::configVersionIs(U32 v) { notifyingSet(*this, configVersion_, v, &NotifieeConst::onConfigVersion); }
 
-void Xact::statusVersionIs(U32 v) {
-  auto const keep = hold();
-  Quor::attrIs(statusVersion_, v, notifiees_, &NotifieeConst::onStatusVersion);
-}
+void Xact::startTimeIs(Quor::Seconds t) { notifyingSet(*this, startTime_, t, &NotifieeConst::onStartTime); }
 
-void Xact::resultIs(XactResult r) {
-  auto const keep = hold();
-  Quor::attrIs(result_, r, notifiees_, &NotifieeConst::onResult);
-}
+void Xact::statusVersionIs(U32 v) { notifyingSet(*this, statusVersion_, v, &NotifieeConst::onStatusVersion); }
+
+void Xact::resultIs(XactResult r) { notifyingSet(*this, result_, r, &NotifieeConst::onResult); }
 
 Quor::String8 Xact::comment(Quor::String8 const& key) const {
   auto it = comment_.find(key);
@@ -131,18 +132,27 @@ void XactConfigDir::xactConfigDel(U32 id) {
 }
 
 void XactConfigDir::xactConfigDelAll() {
-  std::map<U32, XactConfig> gone;
-  gone.swap(xactConfig_);
-  for (auto const& [id, c] : gone) notifiees_.notify(&NotifieeConst::onXactConfig, id);
+  std::vector<U32> const gone = xactConfigIds();
+  xactConfig_.clear();
+  for (U32 id : gone) notifiees_.notify(&NotifieeConst::onXactConfig, id);
+}
+
+std::vector<U32> XactConfigDir::xactConfigIds() const {
+  std::vector<U32> ids;
+  ids.reserve(xactConfig_.size());
+  for (auto const& [id, c] : xactConfig_) ids.push_back(id);
+  std::sort(ids.begin(), ids.end());
+  return ids;
 }
 
 Quor::Ptr<XactConfigDir> xactConfigDirFactory(Quor::Name const& name) {
   return Quor::makeEntity<XactConfigDir>(name);
 }
 
-XactStatus XactStatusDir::xactStatus(U32 id) const {
+XactStatus const& XactStatusDir::xactStatus(U32 id) const {
+  static XactStatus const absent;
   auto it = xactStatus_.find(id);
-  return it == xactStatus_.end() ? XactStatus() : it->second;
+  return it == xactStatus_.end() ? absent : it->second;
 }
 
 void XactStatusDir::xactStatusIs(XactStatus const& s) {

@@ -37,14 +37,13 @@ class XactAggregatorSm::QuorXactStatusDir : public XactStatusDir::NotifieeConst 
   void handleStatus(U32 id) {
     if (!owner_) return;
     QUOR_TRACE(traceHandle, 8, "void Vell::XactAggregatorSm::QuorXactStatusDir::handleStatus(U32)" << " id: " << id);
-    restand(id);
-    owner_->handleStatusChange(id);
-  }
-  /// Brings this directory's standing on id up to date and the attempt's counts with it.
-  void restand(U32 id) {
     auto it = owner_->inProgress_.find(id);
-    if (it == owner_->inProgress_.end()) return;
-    Standing const now = standingOf(notifier()->xactStatus(id), it->second.xact->configVersion());
+    if (it != owner_->inProgress_.end()) restand(id, it->second);
+    owner_->judge(id, it);
+  }
+  /// Brings this directory's standing on id up to date, and the attempt's counts with it.
+  void restand(U32 id, InProgress& p) {
+    Standing const now = standingOf(notifier()->xactStatus(id), p.xact->configVersion());
     auto [s, fresh] = standing_.try_emplace(id, unanswered);
     Standing const before = fresh ? unanswered : s->second;
     if (now == unanswered) {
@@ -52,8 +51,8 @@ class XactAggregatorSm::QuorXactStatusDir : public XactStatusDir::NotifieeConst 
     } else {
       s->second = now;
     }
-    it->second.answered += (now != unanswered) - (before != unanswered);
-    it->second.failed += (now == failed) - (before == failed);
+    p.answered += (now != unanswered) - (before != unanswered);
+    p.failed += (now == failed) - (before == failed);
   }
   /// Forgets id (the attempt left), or everything (the directory leaves).
   void forget(U32 id) { standing_.erase(id); }
@@ -204,9 +203,18 @@ std::vector<U32> XactAggregatorSm::inProgressIds() const {
 void XactAggregatorSm::xactConfigDirIs(Quor::Ptr<XactConfigDir> const& d) {
   Quor::checkNotNull("XactAggregatorSm", "xactConfigDir", d);
   xactConfigDir_[d->name()] = d;
+  configDirsChanged();
 }
 
-void XactAggregatorSm::xactConfigDirDel(Quor::Name const& name) { xactConfigDir_.erase(name); }
+void XactAggregatorSm::xactConfigDirDel(Quor::Name const& name) {
+  if (xactConfigDir_.erase(name)) configDirsChanged();
+}
+
+void XactAggregatorSm::configDirsChanged() {
+  auto list = std::make_shared<std::vector<Quor::Ptr<XactConfigDir>>>();
+  for (auto const& [name, d] : xactConfigDir_) list->push_back(d);
+  configDirList_ = std::move(list);
+}
 
 void XactAggregatorSm::xactStatusDirIs(Quor::Ptr<XactStatusDir const> const& d) {
   Quor::checkNotNull("XactAggregatorSm", "xactStatusDir", d);
@@ -289,26 +297,27 @@ void XactAggregatorSm::doStartXact(Quor::Ptr<Xact> const& x) {
 
 void XactAggregatorSm::admit(Quor::Ptr<Xact> const& xact) {
   U32 const id = xact->id();
-  inProgress_[id].xact = xact;
+  auto [slot, fresh] = inProgress_.try_emplace(id);
+  bool const wasInProgress = !fresh;
+  slot->second.xact = xact;
   xact->startTimeIs(Quor::now());
   QUOR_ASSERT_TEXT(clock_, "clock: a coordinator without a clock cannot time out what it admits");
   if (clock_->timeMin() == Quor::endOfTime) clock_->timeMinIs(Quor::now() + pollingInterval_);
   xact->configVersionInc(1);
   U32 const cv = xact->configVersion();
-  // A new attempt: every directory's earlier answers are stale now.
-  if (auto it = inProgress_.find(id); it != inProgress_.end()) {
-    it->second.answered = it->second.failed = 0;
-    for (auto const& [name, r] : xactStatusDir_) {
-      r->forget(id);
-      r->restand(id);
-    }
+  // A new attempt: every directory's earlier answers are stale now. (Standings were
+  // forgotten when an earlier attempt ended; one restarted while open is reset here.)
+  InProgress& p = inProgress_[id];
+  if (wasInProgress) {
+    p.answered = p.failed = 0;
+    for (auto const& [name, r] : xactStatusDir_) r->forget(id);
   }
+  for (auto const& [name, r] : xactStatusDir_)
+    if (standingOf(r->notifier()->xactStatus(id), cv) != unanswered) r->restand(id, p);
   // Executors may answer (and so decide the attempt) inside xactConfigIs, and their code
   // may register or drop directories: publish to the directories of this moment.
-  std::vector<Quor::Ptr<XactConfigDir>> dirs;
-  dirs.reserve(xactConfigDir_.size());
-  for (auto const& [name, d] : xactConfigDir_) dirs.push_back(d);
-  for (auto const& d : dirs) {
+  auto const dirs = configDirList_;
+  for (auto const& d : *dirs) {
     QUOR_TRACE(traceHandle, 8, d->name() << ": setting xactConfig: id: " << id << " configVersion: " << cv);
     d->xactConfigIs(XactConfig(id, cv));
   }
@@ -323,14 +332,16 @@ void XactAggregatorSm::doStopXact(U32 id) {
     blocked_.erase(it);
     gone->release();
   }
-  if (inProgress_.count(id)) inProgressDel(id);
-  std::vector<Quor::Ptr<XactConfigDir>> dirs;
-  for (auto const& [name, d] : xactConfigDir_) dirs.push_back(d);
-  for (auto const& d : dirs) d->xactConfigDel(id);
+  inProgressDel(inProgress_.find(id));
+  if (auto const dirs = configDirList_) {
+    for (auto const& d : *dirs) d->xactConfigDel(id);
+  }
 }
 
-void XactAggregatorSm::inProgressDel(U32 id) {
-  inProgress_.erase(id);
+void XactAggregatorSm::inProgressDel(std::map<U32, InProgress>::iterator it) {
+  if (it == inProgress_.end()) return;
+  U32 const id = it->first;
+  inProgress_.erase(it);
   for (auto const& [name, r] : xactStatusDir_) r->forget(id);
   handleInProgressXact(id);
 }
@@ -352,9 +363,10 @@ void XactAggregatorSm::handleInProgressXact(U32 id) {
   }
 }
 
-void XactAggregatorSm::handleStatusChange(U32 id) {
+void XactAggregatorSm::handleStatusChange(U32 id) { judge(id, inProgress_.find(id)); }
+
+void XactAggregatorSm::judge(U32 id, std::map<U32, InProgress>::iterator it) {
   QUOR_TRACE(traceHandle, 8, "void Vell::XactAggregatorSm::handleStatusChange(U32)" << " " << name_ << " id: " << id);
-  auto it = inProgress_.find(id);
   if (it == inProgress_.end()) {
     QUOR_TRACE(traceHandle, 8, "Xact not found for the id: " << id);
     return;
@@ -369,7 +381,7 @@ void XactAggregatorSm::handleStatusChange(U32 id) {
   if (outcome == xactInProgress) return;
   XactComments comments;
   for (auto const& [name, r] : xactStatusDir_) {
-    XactStatus const s = r->notifier()->xactStatus(id);
+    XactStatus const& s = r->notifier()->xactStatus(id);
     QUOR_TRACE(traceHandle, 9,
                "xact status from: " << name << " statusVersion: " << s.statusVersion() << " "
                                     << (s == XactStatus() ? Quor::String8("None") : Quor::valueToStrep(s)));
@@ -377,18 +389,20 @@ void XactAggregatorSm::handleStatusChange(U32 id) {
     QUOR_TRACE(traceHandle, 8, "Comment from: " << name << "  comment: " << s.comment());
     comments.commentIs(Quor::String8(name.str()), s.comment());
   }
-  complete(id, outcome, comments);
+  complete(it, outcome, comments);
 }
 
 // Comments, then the slot (pending ones may start here), then result, and statusVersion
 // last: its reactors (blocked dependants) see the final result and comments.
-void XactAggregatorSm::complete(U32 id, XactResult outcome, XactComments const& comments) {
+void XactAggregatorSm::complete(std::map<U32, InProgress>::iterator it, XactResult outcome,
+                                XactComments const& comments) {
   auto const keep = hold();
-  Quor::Ptr<Xact> const x = inProgress_.at(id).xact;
+  U32 const id = it->first;
+  Quor::Ptr<Xact> const x = it->second.xact;
   U32 const cv = x->configVersion();
   x->commentDelAll();
   for (auto const& [key, text] : comments.comment()) x->commentIs(key, text);
-  inProgressDel(id);
+  inProgressDel(inProgress_.find(id));  // the comments' reactors may have changed the set
   x->resultIs(outcome);
   x->statusVersionIs(cv);
   if (inProgress_.empty() && clock_) clock_->timeMinIs(Quor::endOfTime);
@@ -408,7 +422,7 @@ void XactAggregatorSm::handleClock() {
       for (auto const& [name, r] : xactStatusDir_)
         if (standingOf(r->notifier()->xactStatus(id), cv) == unanswered) comments.commentIs(name.str(), "Timeout");
       if (comments.comment().empty()) comments.commentIs("unknown", "Timeout");
-      complete(id, xactFailure, comments);
+      complete(it, xactFailure, comments);
     }
     it = inProgress_.upper_bound(id);
   }
@@ -509,20 +523,16 @@ void XactExecutorSm::handleDel() {
 
 void XactExecutorSm::handleXactConfig() {
   QUOR_TRACE(traceHandle, 9, "void Vell::XactExecutorSm::handleXactConfig()");
-  Quor::Ptr<XactConfigDir const> const d = xactConfigDir();
-  std::vector<U32> ids;
-  for (auto const& [id, c] : d->xactConfigs()) ids.push_back(id);
-  for (U32 id : ids) handleXactConfig(id);
+  for (U32 id : xactConfigDir()->xactConfigIds()) handleXactConfig(id);
 }
 
 void XactExecutorSm::handleXactConfig(U32 id) {
   QUOR_TRACE(traceHandle, 9, "void Vell::XactExecutorSm::handleXactConfig(U32)" << " " << name_ << " id: " << id);
-  auto const keep = hold();
   updatesSeenInc(1);
-  XactConfig const c = xactConfigDir()->xactConfig(id);
-  if (!clock_) return doProcessXact(id);
-  if (c == XactConfig()) {  // a withdrawal is never deferred
-    backlogDel(id);
+  XactConfig const c = configDirReactor_->notifier()->xactConfig(id);
+  if (!clock_ || c == XactConfig()) {  // without a clock, and withdrawals: at once
+    auto const keep = hold();  // doExecute may drop the last outside reference
+    if (clock_) backlogDel(id);
     doProcessXact(id);
     return;
   }
@@ -532,8 +542,7 @@ void XactExecutorSm::handleXactConfig(U32 id) {
 
 void XactExecutorSm::doProcessXact(U32 id) {
   QUOR_TRACE(traceHandle, 9, "void Vell::XactExecutorSm::doProcessXact(U32)" << " " << name_ << " id " << id);
-  Quor::Ptr<XactConfigDir const> const d = xactConfigDir();
-  XactConfig const c = d ? d->xactConfig(id) : XactConfig();
+  XactConfig const c = configDirReactor_ ? configDirReactor_->notifier()->xactConfig(id) : XactConfig();
   if (c == XactConfig()) {
     QUOR_TRACE(traceHandle, 9, "Deleting xactStatus with id: " << id);
     xactStatusDir_->xactStatusDel(id);
@@ -570,8 +579,11 @@ void XactExecutorSm::handleClock() {
     auto next = std::next(it);
     bool const hasNext = next != backlog_.end();
     U32 const nextId = hasNext ? next->first : 0;
+    // Cleared while it runs: a coordinator in this process may decide and restart the
+    // transaction inside doProcessXact, queueing the id again, and that entry must stay.
+    it->second = false;
     doProcessXact(id);
-    backlogDel(id);
+    if (auto again = backlog_.find(id); again != backlog_.end() && !again->second) backlogDel(id);
     ++count;
     it = hasNext ? backlog_.find(nextId) : backlog_.end();
   }

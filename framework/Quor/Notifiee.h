@@ -38,7 +38,7 @@ class NotifieeList {
   std::size_t size() const {
     return static_cast<std::size_t>(std::count_if(v_.begin(), v_.end(), [](N* n) { return n; }));
   }
-  bool empty() const { return size() == 0; }
+  bool empty() const { return v_.empty() || size() == 0; }
 
   /// Calls f(n) on each member present when the walk starts and still present when
   /// its turn comes.

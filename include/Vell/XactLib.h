@@ -176,7 +176,8 @@ class QUOR_API XactDir : public Quor::Entity {
 
 QUOR_API Quor::Ptr<XactDir> xactDirFactory(Quor::Name const& name);
 
-/// Configurations by ascending id: written by the coordinator, read by one executor.
+/// Configurations by id: written by the coordinator, read by one executor. Held in a
+/// hash map (lookups are the hot path); xactConfigIds() gives them in ascending id.
 class QUOR_API XactConfigDir : public Quor::Entity {
  public:
   class QUOR_API NotifieeConst : public Quor::BaseNotifiee<XactConfigDir, NotifieeConst> {
@@ -189,11 +190,13 @@ class QUOR_API XactConfigDir : public Quor::Entity {
   void xactConfigIs(XactConfig const& c);
   void xactConfigDel(U32 id);
   void xactConfigDelAll();
-  std::map<U32, XactConfig> const& xactConfigs() const { return xactConfig_; }
+  std::size_t xactConfigs() const { return xactConfig_.size(); }
+  /// The ids present, ascending.
+  std::vector<U32> xactConfigIds() const;
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
 
  private:
-  std::map<U32, XactConfig> xactConfig_;
+  std::unordered_map<U32, XactConfig> xactConfig_;
   mutable Quor::NotifieeList<NotifieeConst> notifiees_;
 };
 
@@ -208,8 +211,9 @@ class QUOR_API XactStatusDir : public Quor::Entity {
     virtual void onXactStatus(U32) {}
   };
   explicit XactStatusDir(Quor::Name const& name) : Entity(name) {}
-  /// The status under id, or the default value (absent).
-  XactStatus xactStatus(U32 id) const;
+  /// The status under id, or the default value (absent). The reference is valid until
+  /// the directory next changes.
+  XactStatus const& xactStatus(U32 id) const;
   void xactStatusIs(XactStatus const& s);
   void xactStatusDel(U32 id);
   void xactStatusDelAll();
@@ -318,12 +322,17 @@ class QUOR_API XactAggregatorSm : public Quor::Entity {
   bool xactIsBlocked(Xact const& x) const;
   void handleInProgressXact(U32 id);
   void admit(Quor::Ptr<Xact> const& x);
-  void complete(U32 id, XactResult outcome, XactComments const& comments);
-  void inProgressDel(U32 id);
+  void judge(U32 id, std::map<U32, InProgress>::iterator it);
+  void complete(std::map<U32, InProgress>::iterator it, XactResult outcome, XactComments const& comments);
+  void inProgressDel(std::map<U32, InProgress>::iterator it);
 
   Quor::String8 const name_;
   std::map<U32, InProgress> inProgress_;
   std::unordered_map<Quor::Name, Quor::Ptr<XactConfigDir>> xactConfigDir_;
+  // The config directories as a list, remade when they change: publishing walks it
+  // while executors' code may register or drop directories.
+  std::shared_ptr<std::vector<Quor::Ptr<XactConfigDir>> const> configDirList_;
+  void configDirsChanged();
   std::map<Quor::Name, Quor::Ptr<QuorXactStatusDir>> xactStatusDir_;
   std::unordered_map<U32, Quor::Ptr<QuorBlockedXact>> blocked_;
   std::unordered_map<U32, Quor::Ptr<Xact>> pending_;
@@ -378,6 +387,8 @@ class QUOR_API XactExecutorSm : public Quor::Entity {
   virtual void yieldBeforeFinishingCountInc(U64 const& n) { yieldBeforeFinishingCount_ += n; }
 
   // ---- backlog ----
+  /// Ids waiting for a dispatch. An entry's flag is true when queued and false while a
+  /// dispatch executes it; an id queued again meanwhile (true again) stays queued.
   std::size_t backlogs() const { return backlog_.size(); }
   bool backlog(U32 id) const { return backlog_.count(id) != 0; }
   virtual void backlogDel(U32 id) { backlog_.erase(id); }
