@@ -16,6 +16,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -30,6 +31,7 @@
 #include <Vell/HTimerWheel.h>
 #include <Vell/ReviewTimer.h>
 #include <Vell/ValueTypes.h>
+#include <Vell/XactLib.h>
 
 #include "KeyedBacklog.h"
 
@@ -169,6 +171,149 @@ struct Blocks {
 
     for (int i = 0; i < 5; ++i) backlog->updateIs("key" + std::to_string((n + i) % 3), n);  // 5 updates, 3 keys: 2 coalesce
     review->doUpdateNextReview();
+  }
+};
+
+// ---- transactions: a coordinator and three in-process executors ----------------------------
+
+// An executor whose answer an operator chooses: "ok", "fail TEXT", "silent" (never
+// answers: the coordinator times it out), or "slow SECONDS" (answers success later).
+class DemoExecutor : public Vell::XactExecutorSm {
+ public:
+  DemoExecutor(Quor::String8 name, Quor::Ptr<Vell::XactStatusDir> const& statuses, Quor::Ptr<Quor::Clock> const& clock)
+      : XactExecutorSm(std::move(name), statuses, clock, 0.005), clock_(clock) {}
+  std::string mode = "ok";
+
+  Vell::ExecResult doExecute(Vell::XactConfig const& c) override {
+    if (mode == "silent") return {Vell::xactInProgress, ""};
+    if (mode.rfind("fail ", 0) == 0) return {Vell::xactFailure, mode.substr(5)};
+    if (mode.rfind("slow ", 0) == 0) {  // answer later, from a clock reactor
+      Quor::Ptr<Later> later = new Later;
+      later->answer = Vell::XactStatus(c.id(), Vell::xactSuccess, "slow but done", c.configVersion());
+      later->dir = xactStatusDir();
+      later->self = later;  // kept alive until it fires
+      later->notifierIs(clock_);
+      later->timeMinIs(clock_->time() + std::atof(mode.c_str() + 5));
+      return {Vell::xactInProgress, ""};
+    }
+    return {Vell::xactSuccess, ""};
+  }
+
+ private:
+  struct Later : Quor::Clock::NotifieeConst {
+    Vell::XactStatus answer;
+    Quor::Ptr<Vell::XactStatusDir> dir;
+    Quor::Ptr<Later> self;
+    void onTime() override {
+      dir->xactStatusIs(answer);
+      self = nullptr;
+    }
+  };
+  Quor::Ptr<Quor::Clock> clock_;
+};
+
+struct Transactions {
+  Quor::Ptr<Vell::XactAggregatorSm> agg;
+  Quor::Ptr<Vell::XactDir> xacts = Vell::xactDirFactory("demo xacts");
+  std::vector<Quor::Ptr<DemoExecutor>> executors;
+  std::vector<std::string> decided;  // "id:result", in the order decisions were made
+
+  struct OnDecided : Vell::Xact::NotifieeConst {
+    std::vector<std::string>* log;
+    void onStatusVersion() override {
+      log->push_back(std::to_string(notifier()->id()) + ":" + Quor::valueToStrep(notifier()->result()).str());
+    }
+  };
+  std::vector<Quor::Ptr<OnDecided>> watchers;
+
+  explicit Transactions(Quor::Ptr<Quor::Clock> const& clock) {
+    agg = Vell::xactAggregatorSmFactory("demo coordinator", clock);
+    agg->timeoutIs(3.0);  // short, so that the demo shows a timeout
+    agg->pollingIntervalIs(0.5);
+    for (char const* name : {"exec-a", "exec-b", "exec-c"}) {
+      auto configs = Vell::xactConfigDirFactory(name);
+      auto statuses = Vell::xactStatusDirFactory(name);
+      executors.push_back(Quor::makeEntity<DemoExecutor>(name, statuses, clock));
+      executors.back()->xactConfigDirIs(configs);
+      agg->xactConfigDirIs(configs);
+      agg->xactStatusDirIs(statuses);
+    }
+  }
+  ~Transactions() {
+    for (auto& e : executors) e->xactConfigDirDel();
+  }
+
+  // "start ID [after ID...]", "stop ID", "mode EXECUTOR MODE..."
+  std::string command(std::string const& args) {
+    std::istringstream in(args);
+    std::string verb;
+    in >> verb;
+    if (verb == "start" || verb == "stop") {
+      unsigned long id = 0;
+      if (!(in >> id) || id == 0 || id > 0xffffffffUL) return "usage: xact " + verb + " ID (1 to 4294967295)\n";
+      if (verb == "stop") {
+        agg->doStopXact(static_cast<Vell::U32>(id));
+        return "stopped " + std::to_string(id) + "\n";
+      }
+      auto x = xact(static_cast<Vell::U32>(id));
+      std::string after;
+      while (in >> after) {
+        if (after == "after") continue;
+        unsigned long b = std::strtoul(after.c_str(), nullptr, 10);
+        if (b == 0 || b == id || b > 0xffffffffUL) return "bad blocking id '" + after + "'\n";
+        x->blockingXactIs(xact(static_cast<Vell::U32>(b)));
+      }
+      agg->doStartXact(x);
+      return "started " + std::to_string(id) + " (" + place(x->id()) + ")\n";
+    }
+    if (verb == "mode") {
+      std::string exec, mode;
+      in >> exec;
+      std::getline(in >> std::ws, mode);
+      for (auto& e : executors) {
+        if (e->executorName() != exec) continue;
+        if (mode != "ok" && mode != "silent" && mode.rfind("fail ", 0) != 0 && mode.rfind("slow ", 0) != 0)
+          return "modes: ok, fail TEXT, silent, slow SECONDS\n";
+        e->mode = mode;
+        return exec + ": " + mode + "\n";
+      }
+      return "no executor '" + exec + "' (exec-a, exec-b, exec-c)\n";
+    }
+    return "usage: xact start ID [after ID...] | xact stop ID | xact mode EXECUTOR ok|fail TEXT|silent|slow SECONDS\n";
+  }
+
+  Quor::Ptr<Vell::Xact> xact(Vell::U32 id) {
+    auto x = xacts->xact(id);
+    if (x) return x;
+    x = xacts->xactIs(id);
+    watchers.push_back(new OnDecided);
+    watchers.back()->log = &decided;
+    watchers.back()->notifierIs(x);
+    return x;
+  }
+
+  std::string place(Vell::U32 id) const {
+    if (agg->inProgressXact(id)) return "inProgress";
+    if (agg->pendingXact(id)) return "pending";
+    if (agg->blockedXact(id)) return "blocked";
+    return "-";
+  }
+
+  std::string show() const {
+    std::string text = "id  result          configVersion  statusVersion  place       comments\n";
+    for (auto const& [id, x] : xacts->xacts()) {
+      char line[160];
+      std::snprintf(line, sizeof line, "%-3u %-15s %-14u %-14u %-11s", id, Quor::valueToStrep(x->result()).charPtr(),
+                    x->configVersion(), x->statusVersion(), place(id).c_str());
+      text += line;
+      std::map<std::string, std::string> sorted;
+      for (auto const& [k, v] : x->comment()) sorted[k.str()] = v.str();
+      for (auto const& [k, v] : sorted) text += " " + k + "='" + v + "'";
+      text += "\n";
+    }
+    text += "decided, in order:";
+    for (auto const& d : decided) text += " " + d;
+    return text + "\n";
   }
 };
 
@@ -377,6 +522,9 @@ int main(int argc, char** argv) {
         {"yieldBeforeFinishing", number(static_cast<double>(b->yieldBeforeFinishingCount()))},
     });
   });
+  Transactions xacts(Quor::clockFactory("demo xacts", activity));
+  demo.commandIs("xact", [&](std::string const& args) { return xacts.command(args); });
+  demo.showIs("xacts", [&] { return xacts.show(); });
   demo.showIs("ids", [&] {
     return figureLines({
         {"agentId", Vell::valueToStrep(blocks.agentId).str()},

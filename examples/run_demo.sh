@@ -90,6 +90,41 @@ echo "\$ $VELLCTL $AGENT frobnicate | od -c    (an unknown word: the 17-byte ans
 [ "$("$VELLCTL" "$AGENT" frobnicate | wc -c)" -eq 17 ] || fail "the unknown-command reply is not 17 bytes"
 
 echo
+echo "== transactions: a coordinator and three executors (exec-a, exec-b, exec-c)"
+# Shows the transactions and checks that the listing holds a text.
+show_xacts() {
+  echo
+  echo "\$ $VELLCTL $AGENT show xacts"
+  out=$("$VELLCTL" "$AGENT" show xacts) || fail "show xacts failed"
+  printf '%s\n' "$out"
+  printf '%s\n' "$out" | grep -q -- "$1" || fail "show xacts lacks: $1"
+}
+step 0 "$VELLCTL" "$AGENT" xact start 1
+sleep 0.3
+show_xacts "^1   xactSuccess"
+echo
+echo "-- exec-c is told to fail: its comment is filed under its directory name"
+step 0 "$VELLCTL" "$AGENT" xact mode exec-c fail disk full
+step 0 "$VELLCTL" "$AGENT" xact start 2
+sleep 0.3
+show_xacts "exec-c='disk full'"
+echo
+echo "-- exec-c stays silent: the coordinator times the transaction out (timeout 3 s)"
+step 0 "$VELLCTL" "$AGENT" xact mode exec-c silent
+step 0 "$VELLCTL" "$AGENT" xact start 3
+sleep 4
+show_xacts "exec-c='Timeout'"
+echo
+echo "-- a chain: 12 waits for 11, 11 for 10; exec-c answers each after half a second"
+step 0 "$VELLCTL" "$AGENT" xact mode exec-c slow 0.5
+step 0 "$VELLCTL" "$AGENT" xact start 10
+step 0 "$VELLCTL" "$AGENT" xact start 11 after 10
+step 0 "$VELLCTL" "$AGENT" xact start 12 after 11
+show_xacts "^12 .*blocked"
+sleep 2
+show_xacts "10:xactSuccess 11:xactSuccess 12:xactSuccess"
+
+echo
 echo "== errors are clear"
 step 2 "$VELLCTL" vell-demo-nobody help
 echo
