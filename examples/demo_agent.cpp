@@ -29,6 +29,7 @@
 #include <Vell/EventClock.h>
 #include <Vell/HBitmap.h>
 #include <Vell/HTimerWheel.h>
+#include <Vell/InotifyMgr.h>
 #include <Vell/ReviewTimer.h>
 #include <Vell/ValueTypes.h>
 #include <Vell/XactLib.h>
@@ -317,6 +318,48 @@ struct Transactions {
   }
 };
 
+// ---- watching: two descriptors on a directory of the demo's own ---------------------------
+
+struct Watching {
+  std::string dir;
+  Quor::Ptr<Vell::InotifyMgr> mgr = Vell::inotifyMgrFactory("demo watching");
+  std::vector<Quor::Ptr<Vell::WatchDescriptor>> wds;
+
+  Watching() {
+    char const* tmp = std::getenv("TMPDIR");
+    std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/vell-demo-watch-XXXXXX";
+    if (::mkdtemp(tmpl.data())) dir = tmpl;
+    for (char const* name : {"watch-1", "watch-2"}) {
+      wds.push_back(Vell::watchDescriptorFactory(name, mgr));
+      wds.back()->pathIs(dir);
+    }
+  }
+  ~Watching() {
+    wds.clear();
+    if (!dir.empty()) ::rmdir(dir.c_str());  // gone already when the demo removed it
+  }
+
+  static std::string reason(Vell::InotifyEvent const& e) {
+    if (e.wd() < 0) return e.mask() & 0x4000 ? "error (queue overflow)" : "path does not exist";
+    if (e.mask() & 0xC00) return "deleted inode";
+    if (e.mask() & 0x8) return "closed after writing: " + e.name().str();
+    if (e.mask() & 0x200) return "deleted: " + e.name().str();
+    return "other";
+  }
+
+  std::string show() const {
+    std::string text = "path " + dir + "\n";
+    for (auto const& w : wds) {
+      char line[512];
+      std::snprintf(line, sizeof line, "%-8s watchCount %-4u watcher %-3s last: %s\n", w->name().charPtr(),
+                    w->watchCount(), w->watcher() ? std::to_string(w->watcher()->wd()).c_str() : "-",
+                    w->watchCount() ? reason(w->event()).c_str() : "-");
+      text += line;
+    }
+    return text;
+  }
+};
+
 // SIGINT and SIGTERM arrive as a readable descriptor and stop the loop.
 class StopOnSignal : public Quor::FileDescriptor::NotifieeConst {
  public:
@@ -525,6 +568,8 @@ int main(int argc, char** argv) {
   Transactions xacts(Quor::clockFactory("demo xacts", activity));
   demo.commandIs("xact", [&](std::string const& args) { return xacts.command(args); });
   demo.showIs("xacts", [&] { return xacts.show(); });
+  Watching watching;
+  demo.showIs("watches", [&] { return watching.show(); });
   demo.showIs("ids", [&] {
     return figureLines({
         {"agentId", Vell::valueToStrep(blocks.agentId).str()},

@@ -125,6 +125,24 @@ sleep 2
 show_xacts "10:xactSuccess 11:xactSuccess 12:xactSuccess"
 
 echo
+echo "== watching: two descriptors (watch-1, watch-2) share one kernel watch on the demo's directory"
+wdir=$("$VELLCTL" "$AGENT" show watches | awk '/^path /{print $2}')
+[ -n "$wdir" ] && [ -d "$wdir" ] || fail "the demo's watched directory is missing"
+step 0 "$VELLCTL" "$AGENT" show watches
+echo
+echo "\$ echo hello > $wdir/a; echo world > $wdir/b; rm $wdir/a"
+echo hello >"$wdir/a"; echo world >"$wdir/b"; rm "$wdir/a"
+sleep 0.3
+out=$("$VELLCTL" "$AGENT" show watches); printf '%s\n' "$out"
+printf '%s\n' "$out" | grep -q "watch-2 .*watchCount 3 .*deleted: a" || fail "the counts did not move"
+echo
+echo "\$ rm -r $wdir    (the watched directory itself)"
+rm -r "$wdir"
+sleep 0.3
+out=$("$VELLCTL" "$AGENT" show watches); printf '%s\n' "$out"
+printf '%s\n' "$out" | grep -q "watch-1 .*watcher - .*deleted inode" || fail "no 'deleted inode' delivery"
+
+echo
 echo "== errors are clear"
 step 2 "$VELLCTL" vell-demo-nobody help
 echo
