@@ -13,7 +13,8 @@ BUILD_DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config
 BUILD_LIBS := /usr/include/gtest/gtest.h:libgtest-dev /usr/include/gmock/gmock.h:libgmock-dev \
               /usr/include/benchmark/benchmark.h:libbenchmark-dev
 BENCH_LIBS := /usr/include/event2/event.h:libevent-dev /usr/include/uv.h:libuv1-dev \
-              /usr/include/boost/dynamic_bitset.hpp:libboost-dev /usr/include/roaring/roaring.h:libroaring-dev
+              /usr/include/boost/dynamic_bitset.hpp:libboost-dev /usr/include/roaring/roaring.h:libroaring-dev \
+              inotifywait:inotify-tools
 
 .PHONY: all deps bench-deps build test test-sanitize demo bench plots fuzz coverage install clean
 

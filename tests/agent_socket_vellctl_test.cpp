@@ -42,7 +42,7 @@ std::string contents(int fd) {
 Outcome run(std::vector<std::string> args, int status, std::string const& err = "") {
   int const outFd = ::memfd_create("vellctl-out", MFD_CLOEXEC), errFd = ::memfd_create("vellctl-err", MFD_CLOEXEC);
   std::string what;
-  for (auto const& a : args) what += " " + a.substr(0, 40);
+  for (auto const& a : args) what.append(" ").append(a, 0, 40);
   args.insert(args.begin(), vellctl);
   pid_t const pid = ::fork();
   if (pid == 0) {

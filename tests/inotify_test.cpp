@@ -170,4 +170,26 @@ TEST_F(InotifyTest, QueueOverflowReachesEveryWatcherAndWatchingGoesOn) {
   EXPECT_GT(wa->watchCount(), before);
 }
 
+// Under virtual time every drain follows the last one within no time: the storm rule
+// pauses reading after the second, and the pause must end. Nothing is lost meanwhile,
+// and an event after the storm arrives like any other.
+TEST_F(InotifyTest, StormIsReadInPausesAndReadingResumes) {
+  Quor::VirtualTime vt(1000.0);
+  std::string const d = dir("storm");
+  auto w = watch(d);
+  auto const& fd = mgr->mgrSm()->inotifyFd();
+  for (int i = 0; i < 3; ++i) {
+    writeFile(d + "/f" + std::to_string(i));
+    loop->runOnce(0);
+  }
+  EXPECT_FALSE(fd->notifyOnReadable());  // paused
+  for (int i = 3; i < 300; ++i) writeFile(d + "/f" + std::to_string(i % 7));
+  ASSERT_TRUE(waitFor([&] { return w->watchCount() == 300; }));
+  loop->runUntil([] { return false; }, 0.01);  // quiet: the pause ends
+  EXPECT_TRUE(fd->notifyOnReadable());
+  writeFile(d + "/after");
+  ASSERT_TRUE(waitFor([&] { return w->event().name() == "after"; }));
+  EXPECT_EQ(w->watchCount(), 301u);
+}
+
 }  // namespace

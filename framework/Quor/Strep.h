@@ -165,7 +165,7 @@ struct TextForm<T> {
     } else {
       char buf[24];
       auto r = std::to_chars(buf, buf + sizeof buf, v);
-      out.append(buf, r.ptr);
+      out.append(buf, static_cast<std::size_t>(r.ptr - buf));
     }
   }
   static T parse(StrepIt& it, StrepIt end) {
