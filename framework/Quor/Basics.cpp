@@ -98,7 +98,10 @@ Seconds originOffset = 0;  // wall - monotonic at the first call
 
 Seconds now() {
   if (virtualOn) return virtualNow;
-  if (!originSet) [[unlikely]] return originOffset + setOrigin();
+  if (!originSet) [[unlikely]] {
+    Seconds const mono = setOrigin();  // before reading the offset it sets
+    return originOffset + mono;
+  }
   // The hook is for tests; the common path calls the clock directly.
   if (monotonicSource != systemMonotonic) [[unlikely]] return originOffset + monotonicSource();
   return originOffset + readClock(CLOCK_MONOTONIC);

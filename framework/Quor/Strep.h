@@ -108,8 +108,8 @@ concept CustomText = requires(T const& t, std::string& s, StrepIt& it) {
 #define QUOR_VALUE_TYPE(Type, typeNameText, ...)                                         \
   static constexpr char const* quorTypeName = typeNameText;                              \
   static constexpr auto quorFields() { return std::make_tuple(__VA_ARGS__); }            \
-  friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); } \
-  friend bool operator==(Type const& a, Type const& b) { return ::Quor::fieldsEqual(a, b); }
+  [[maybe_unused]] friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); } \
+  [[maybe_unused]] friend bool operator==(Type const& a, Type const& b) { return ::Quor::fieldsEqual(a, b); }
 #define QUOR_FIELD(Type, name) ::Quor::field(#name, &Type::name##_)
 
 /// Declares a value type whose text is that of its one field (storage <field>_), as a
@@ -121,7 +121,7 @@ concept CustomText = requires(T const& t, std::string& s, StrepIt& it) {
     ::Quor::parseValue(it, end, v.name##_);                                                \
     return v;                                                                              \
   }                                                                                        \
-  friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); }
+  [[maybe_unused]] friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); }
 
 /// Gives a value type the constructor that parses it from text, leaving it behind the
 /// parsed text: Type(it, end). Opt-in, so that plain aggregates stay aggregates.
