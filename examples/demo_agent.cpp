@@ -41,19 +41,6 @@ namespace {
 using Reply = std::function<std::string(std::string const& args)>;
 using Figures = std::function<std::string()>;
 
-// Writes the whole reply; a client that hung up makes send fail, and the rest is dropped.
-void sendAll(unsigned descriptor, std::string const& text) {
-  char const* p = text.data();
-  std::size_t n = text.size();
-  while (n) {
-    ssize_t const w = ::send(static_cast<int>(descriptor), p, n, 0);
-    if (w < 0 && errno == EINTR) continue;
-    if (w <= 0) return;
-    p += w;
-    n -= static_cast<std::size_t>(w);
-  }
-}
-
 // A command word served by a function that turns the argument text into the reply.
 class DemoCommand : public Vell::AgentSocketCallback {
  public:
@@ -61,7 +48,8 @@ class DemoCommand : public Vell::AgentSocketCallback {
       : AgentSocketCallback(Quor::Name("demo " + word.str()), word), reply_(std::move(reply)), served_(served) {}
   void handleCommand(unsigned int descriptor, Quor::String8 commandArgs) override {
     ++*served_;
-    sendAll(descriptor, reply_(commandArgs.str()));
+    // Within the socket's stall budget, however slowly the operator's client reads.
+    Vell::agentSocketReply(descriptor, reply_(commandArgs.str()));
   }
 
  private:

@@ -2,12 +2,17 @@
 #include <Vell/AgentSocketHandler.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/time.h>
+#include <time.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -26,6 +31,88 @@ Quor::LogHandle agentSocketCommandError("AGENT_SOCKET_COMMAND_ERROR", Quor::LogS
 Quor::LogHandle agentSocketInvalidDescriptor("AGENT_SOCKET_INVALID_DESCRIPTOR", Quor::LogSeverity::error,
                                              "Invalid socket request call", "Bad file descriptor received.",
                                              Quor::NoActionRequired, 0.0, 1.0);
+
+Quor::LogHandle agentSocketAcceptError("AGENT_SOCKET_ACCEPT_ERROR", Quor::LogSeverity::error,
+                                       "Cannot accept command connections on %s (%s); accepting pauses",
+                                       "The process or the system has no descriptor or memory left for a connection.",
+                                       "Look for clients that hold connections open, or raise the descriptor limit.",
+                                       10.0, 3.0);
+Quor::LogHandle agentSocketRequestTimeout("AGENT_SOCKET_REQUEST_TIMEOUT", Quor::LogSeverity::warning,
+                                          "Command connection %s closed: no request within %g seconds",
+                                          "A client connected and sent no command in time.", Quor::NoActionRequired,
+                                          1.0, 10.0);
+Quor::LogHandle agentSocketTooManyClients("AGENT_SOCKET_TOO_MANY_CLIENTS", Quor::LogSeverity::warning,
+                                          "Command connection refused: %u connections open (maxClients)",
+                                          "More clients were connected at once than maxClients allows.",
+                                          "Raise maxClients if these clients are legitimate.", 1.0, 10.0);
+Quor::LogHandle agentSocketPeerRefused("AGENT_SOCKET_PEER_REFUSED", Quor::LogSeverity::warning,
+                                       "Command connection refused for pid %d uid %u (peer policy %s)",
+                                       "A process of a user the peer policy does not admit connected.",
+                                       Quor::NoActionRequired, 1.0, 10.0);
+
+namespace {
+// Stalls are real time even under a test's virtual time.
+double monotonicSeconds() {
+  timespec ts;
+  ::clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+timeval toTimeval(double seconds) {
+  auto const us = std::max<long long>(1, static_cast<long long>(seconds * 1e6));  // 0 would mean "for ever"
+  return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)};
+}
+
+bool setSendTimeout(int fd, double seconds) {
+  timeval const t = toTimeval(seconds);
+  return ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &t, sizeof t) == 0;
+}
+
+bool peerAdmitted(AgentSocketPeerPolicy policy, U32 uid, std::set<U32> const& listed) {
+  switch (policy) {
+    case peerAnyone: return true;
+    case peerOwnUser: return uid == ::geteuid();
+    case peerRootAndOwnUser: return uid == 0 || uid == ::geteuid();
+    case peerUserList: return listed.contains(uid);
+  }
+  return false;
+}
+}  // namespace
+
+// The connection carries the reply's stall budget as its send timeout. A blocking
+// send() is no bound against a client that reads a little now and then (the kernel's
+// timeout restarts with every chunk it moves), so the reply is written without
+// blocking and waited for with poll() against one deadline; what is left of the budget
+// goes back on the connection for the reply's next write.
+std::size_t agentSocketReply(unsigned int descriptor, std::string_view text) {
+  int const fd = static_cast<int>(descriptor);
+  timeval budget{};
+  socklen_t len = sizeof budget;
+  if (::getsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &budget, &len) != 0) return 0;
+  bool const bounded = budget.tv_sec != 0 || budget.tv_usec != 0;
+  double const deadline = monotonicSeconds() + static_cast<double>(budget.tv_sec) +
+                          static_cast<double>(budget.tv_usec) * 1e-6;
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t const n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      done += static_cast<std::size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno != EAGAIN) return done;  // the client left: errno says so
+    double const left = bounded ? deadline - monotonicSeconds() : 1.0;
+    if (left <= 0) {
+      ::shutdown(fd, SHUT_WR);  // nothing more of this reply may block
+      errno = EAGAIN;
+      return done;
+    }
+    pollfd p{fd, POLLOUT, 0};
+    ::poll(&p, 1, static_cast<int>(std::ceil(left * 1000)));
+  }
+  if (bounded) setSendTimeout(fd, std::max(deadline - monotonicSeconds(), 1e-6));
+  return done;
+}
 
 socklen_t agentSocketAddress(Quor::String8 const& name, sockaddr_un* addr) {
   std::memset(addr, 0, sizeof *addr);
@@ -89,6 +176,17 @@ class AgentSocketHandlerSm::QuorAgentsockFd
 
 class ClientSm::QuorClientFd : public OwnerReadableReactor<ClientSm, &ClientSm::handleDataFromClient> {
   using OwnerReadableReactor::OwnerReadableReactor;
+};
+
+class AgentSocketHandlerSm::QuorClock : public Quor::Clock::NotifieeConst {
+ public:
+  explicit QuorClock(AgentSocketHandlerSm* owner) : owner_(owner) {}
+  void onTime() override {
+    if (!owner_) return;
+    Quor::Ptr<AgentSocketHandlerSm> const owner(owner_);
+    owner->handleClock();
+  }
+  AgentSocketHandlerSm* owner_;
 };
 
 // ---- the listening side ----
@@ -167,8 +265,12 @@ void AgentSocketHandlerSm::handleClientConnection() {
   if (c < 0) {
     int const err = errno;
     if (err == EAGAIN) return;  // taken by another process that shares the listener
-    std::perror("Accepting connection on socket");
-    QUOR_TRACE(traceHandle, 8, "Unable to accept connection from client, err= " << err);
+    acceptFailed(err);
+    return;
+  }
+  acceptFailing_ = false;
+  if (!admit(c)) {
+    ::close(c);
     return;
   }
   char connName[64];
@@ -178,7 +280,116 @@ void AgentSocketHandlerSm::handleClientConnection() {
   fd->notifyOnReadableIs(true);
   fdIs(fd);
   QUOR_TRACE(traceHandle, 8, "Accepted client from: " << connName);
-  clientIs(fd, this);
+  Quor::Ptr<ClientSm> const client = clientIs(fd, this);
+  client->serial_ = ++acceptSerial_;
+  awaitingRequest_.emplace(client->serial_, std::pair{Quor::now(), client->name()});
+  armClock();
+}
+
+// Out of descriptors (or memory) the listener stays readable, and retrying every turn
+// would spin the loop and flood the error output. Accepting pauses instead until a
+// connection closes or agentSocketAcceptPause has passed; the episode is reported once
+// and ends with the next accepted connection. Other failures concern one connection.
+void AgentSocketHandlerSm::acceptFailed(int err) {
+  bool const exhausted = err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
+  if (!acceptFailing_) {
+    errno = err;
+    std::perror("Accepting connection on socket");
+    QUOR_TRACE(traceHandle, 8, "Unable to accept connection from client, err= " << err);
+    if (exhausted) agentSocketAcceptError.log(name().charPtr(), std::strerror(err));
+  }
+  if (!exhausted) return;
+  acceptFailing_ = true;
+  acceptPaused_ = true;
+  acceptResume_ = Quor::now() + agentSocketAcceptPause;
+  agentsockFd_->notifyOnReadableIs(false);
+  armClock();
+}
+
+void AgentSocketHandlerSm::resumeAccepting() {
+  acceptPaused_ = false;
+  acceptResume_ = Quor::endOfTime;
+  if (agentsockFd_ && agentsockFd_->descriptor() >= 0) agentsockFd_->notifyOnReadableIs(true);
+}
+
+// Refusals close the connection before it is named or served: no reply, no ClientSm.
+bool AgentSocketHandlerSm::admit(int descriptor) {
+  if (clients_.size() >= maxClients_) {
+    QUOR_TRACE(traceHandle, 8, "Refusing client: " << clients_.size() << " open");
+    agentSocketTooManyClients.log(static_cast<unsigned>(clients_.size()));
+    return false;
+  }
+  if (peerPolicy_ == peerAnyone) return true;
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  bool const known = ::getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+  if (known && peerAdmitted(peerPolicy_, cred.uid, peerUids_)) return true;
+  QUOR_TRACE(traceHandle, 8, "Refusing peer pid " << cred.pid << " uid " << cred.uid);
+  agentSocketPeerRefused.log(known ? static_cast<int>(cred.pid) : -1, known ? cred.uid : ~0u,
+                             Quor::valueToStrep(peerPolicy_).charPtr());
+  return false;
+}
+
+// Closes the connections whose request is overdue and ends an accept pause that is over.
+void AgentSocketHandlerSm::handleClock() {
+  Quor::Seconds const now = Quor::now();
+  if (acceptPaused_ && now >= acceptResume_) resumeAccepting();
+  while (!awaitingRequest_.empty()) {
+    auto const it = awaitingRequest_.begin();
+    if (it->second.first + requestTimeout_ > now) break;
+    Quor::Name const name = it->second.second;
+    awaitingRequest_.erase(it);
+    QUOR_TRACE(traceHandle, 8, "No request in time: " << name);
+    agentSocketRequestTimeout.log(name.charPtr(), requestTimeout_);
+    doCloseClientConnection(client(name));
+  }
+  armClock();
+}
+
+void AgentSocketHandlerSm::armClock() {
+  Quor::Seconds next = acceptPaused_ ? acceptResume_ : Quor::endOfTime;
+  if (!awaitingRequest_.empty()) next = std::min(next, awaitingRequest_.begin()->second.first + requestTimeout_);
+  if (!clock_) {
+    if (next == Quor::endOfTime) return;
+    clock_ = new QuorClock(this);
+    clock_->notifierIs(Quor::clockFactory("AgentSocketHandler", activity_));
+  }
+  clock_->timeMinIs(next);
+}
+
+void AgentSocketHandlerSm::requestArrived(ClientSm const& client) { awaitingRequest_.erase(client.serial_); }
+
+void AgentSocketHandlerSm::requestTimeoutIs(Quor::Seconds s) {
+  Quor::Seconds const v = QUOR_CHECK_RANGE("AgentSocketHandlerSm", "requestTimeout", s, 0.001, 86400);
+  if (Quor::attrIs(requestTimeout_, v, notifiees_, &NotifieeConst::onRequestTimeout)) armClock();
+}
+
+void AgentSocketHandlerSm::maxClientsIs(U32 n) {
+  U32 const v = QUOR_CHECK_RANGE("AgentSocketHandlerSm", "maxClients", n, 1, 65536);
+  Quor::attrIs(maxClients_, v, notifiees_, &NotifieeConst::onMaxClients);
+}
+
+void AgentSocketHandlerSm::sendTimeoutIs(Quor::Seconds s) {
+  Quor::Seconds const v = QUOR_CHECK_RANGE("AgentSocketHandlerSm", "sendTimeout", s, 0.001, 3600);
+  Quor::attrIs(sendTimeout_, v, notifiees_, &NotifieeConst::onSendTimeout);
+}
+
+void AgentSocketHandlerSm::peerPolicyIs(AgentSocketPeerPolicy p) {
+  if (static_cast<unsigned>(p) > peerUserList)
+    Quor::throwRangeException(Quor::format("AgentSocketHandlerSm::peerPolicy %u not allowed", static_cast<unsigned>(p)));
+  Quor::attrIs(peerPolicy_, p, notifiees_, &NotifieeConst::onPeerPolicy);
+}
+
+void AgentSocketHandlerSm::peerUidIs(U32 uid) {
+  if (peerUids_.insert(uid).second) notifiees_.notify(&NotifieeConst::onPeerUid, uid);
+}
+
+void AgentSocketHandlerSm::peerUidDel(U32 uid) {
+  if (peerUids_.erase(uid)) notifiees_.notify(&NotifieeConst::onPeerUid, uid);
+}
+
+void AgentSocketHandlerSm::peerUidDelAll() {
+  while (!peerUids_.empty()) peerUidDel(*peerUids_.begin());
 }
 
 void AgentSocketHandlerSm::doCloseClientConnection(Quor::Ptr<ClientSm> const& client) {
@@ -186,6 +397,7 @@ void AgentSocketHandlerSm::doCloseClientConnection(Quor::Ptr<ClientSm> const& cl
   Quor::Ptr<ClientSm> const hold = client;  // `client` may refer to the entry we erase
   Quor::Name const name = hold->name();
   QUOR_TRACE(traceHandle, 8, "Closing: " << name);
+  awaitingRequest_.erase(hold->serial_);
   if (Quor::Ptr<Quor::FileDescriptor> const& fd = hold->clientFd(); fd && fd->descriptor() >= 0) {
     // Forget first (leaving the epoll set while the number is still ours), then close:
     // the descriptor entity will not close a number that may be reused by then.
@@ -195,6 +407,7 @@ void AgentSocketHandlerSm::doCloseClientConnection(Quor::Ptr<ClientSm> const& cl
   }
   fdDel(name);
   clientDel(name);
+  if (acceptPaused_) resumeAccepting();  // a descriptor came free
 }
 
 void AgentSocketHandlerSm::handleDeletion() {
@@ -213,6 +426,10 @@ void AgentSocketHandlerSm::handleDeletion() {
 
 void AgentSocketHandlerSm::handleDel() {
   handleDeletion();
+  if (clock_) {
+    clock_->owner_ = nullptr;
+    clock_->timeMinIs(Quor::endOfTime);
+  }
   if (agentsockFdReactor_) {
     agentsockFdReactor_->owner_ = nullptr;
     agentsockFdReactor_->notifierIs(nullptr);
@@ -394,6 +611,7 @@ void ClientSm::handleDataFromClient() {
     return;
   }
   request[n] = '\0';
+  handler->requestArrived(*this);
   serveCommand(*handler, descriptor, request);
 }
 
@@ -415,6 +633,14 @@ void ClientSm::serveCommand(AgentSocketHandlerSm& handler, int descriptor, char*
     int const err = errno;
     std::perror("setsockopt on SO_SNDBFFORCE");
     QUOR_TRACE(traceHandle, 8, "setsockopt failed with err= " << err);
+    agentSocketCommandError.log(std::strerror(err));
+    handler.doCloseClientConnection(self);
+    return;
+  }
+  // The reply's stall budget (agentSocketReply spends it write by write).
+  if (!setSendTimeout(descriptor, handler.sendTimeout())) {
+    int const err = errno;
+    std::perror("setsockopt on SO_SNDTIMEO");
     agentSocketCommandError.log(std::strerror(err));
     handler.doCloseClientConnection(self);
     return;

@@ -5,18 +5,23 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <random>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -427,8 +432,38 @@ TEST_F(AgentSocketServeTest, AbruptSequentialAndConcurrentClientsLeakNothing) {
   for (int i = 0; i < 3; ++i) ::close(connectTo(name));
   ASSERT_TRUE(loop()->runUntil([&] { return handler->agentsockFd()->readableCount() >= 3 && handler->clients() == 0; }, 5));
 
-  for (int i = 0; i < 10000 && !HasFailure(); ++i)
-    EXPECT_EQ(roundTrip(name, "ping " + std::to_string(i)), "ping|" + std::to_string(i)) << "connection " << i;
+  // 10,000 clients one after another: most ask and read; some hang up at once, or send
+  // random bytes and leave without reading. The agent's memory stays flat.
+  auto const seed = std::random_device{}();
+  std::mt19937 rng(seed);
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  auto residentPages = [] {
+    long size = 0, resident = 0;
+    if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld %ld", &size, &resident) != 2) resident = 0;
+      std::fclose(f);
+    }
+    return resident;
+  };
+  long rssWarm = 0;
+  for (int i = 0; i < 10000 && !HasFailure(); ++i) {
+    if (i == 1000) rssWarm = residentPages();
+    switch (rng() % 4) {
+      case 0: {  // hangs up at once or after random bytes, reading nothing
+        int const fd = connectTo(name);
+        std::string junk(rng() % 64, '\0');
+        for (char& c : junk) c = static_cast<char>(rng());
+        if (!junk.empty()) (void)::send(fd, junk.data(), junk.size(), MSG_NOSIGNAL);
+        ::close(fd);
+        loop()->runOnce(0);
+        break;
+      }
+      default:
+        EXPECT_EQ(roundTrip(name, "ping " + std::to_string(i)), "ping|" + std::to_string(i)) << "connection " << i;
+    }
+  }
+  ASSERT_TRUE(loop()->runUntil([&] { return handler->clients() == 0; }, 5));
+  EXPECT_LT(residentPages() - rssWarm, 1024) << "resident pages grew by more than 4 MiB";
 
   std::vector<int> fds;
   for (int i = 0; i < 64; ++i) {
@@ -450,6 +485,285 @@ TEST_F(AgentSocketServeTest, AbruptSequentialAndConcurrentClientsLeakNothing) {
   }
   EXPECT_EQ(handler->fds(), 0u);
   EXPECT_EQ(openDescriptors(), before);
+}
+
+// ---- limits against broken and hostile clients ----
+
+TEST_F(AgentSocketTest, LimitsAreBoundedAttributesThatNotifyOnChange) {
+  handler = Vell::agentSocketHandlerSmFactory(name);
+  struct Counter : AgentSocketHandlerSm::NotifieeConst {
+    int changes = 0;
+    void onRequestTimeout() override { ++changes; }
+    void onMaxClients() override { ++changes; }
+    void onSendTimeout() override { ++changes; }
+    void onPeerPolicy() override { ++changes; }
+    void onPeerUid(Vell::U32) override { ++changes; }
+  };
+  Ptr<Counter> counter = new Counter;
+  counter->notifierIs(handler);
+  EXPECT_EQ(handler->requestTimeout(), 5.0);
+  EXPECT_EQ(handler->maxClients(), 64u);
+  EXPECT_EQ(handler->sendTimeout(), 2.0);
+  EXPECT_EQ(handler->peerPolicy(), Vell::peerAnyone);
+  struct Bad {
+    std::function<void()> set;
+    char const* text;
+  } const bad[] = {
+      {[&] { handler->requestTimeoutIs(0); }, "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed"},
+      {[&] { handler->requestTimeoutIs(1e9); }, "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed"},
+      {[&] { handler->maxClientsIs(0); }, "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed"},
+      {[&] { handler->sendTimeoutIs(-1); }, "AgentSocketHandlerSm::sendTimeout < 0.001 or > 3600 not allowed"},
+      {[&] { handler->peerPolicyIs(static_cast<Vell::AgentSocketPeerPolicy>(9)); },
+       "AgentSocketHandlerSm::peerPolicy 9 not allowed"},
+  };
+  for (auto const& b : bad) {
+    try {
+      b.set();
+      ADD_FAILURE() << "no exception for " << b.text;
+    } catch (Quor::RangeException const& e) {
+      EXPECT_EQ(std::string(e.what()), b.text);
+    }
+  }
+  EXPECT_EQ(handler->requestTimeout(), 5.0);
+  EXPECT_EQ(handler->maxClients(), 64u);
+  EXPECT_EQ(counter->changes, 0);
+  handler->maxClientsIs(64);  // unchanged: nobody is told
+  handler->peerUidIs(7);
+  handler->peerUidIs(7);
+  handler->sendTimeoutIs(0.5);
+  EXPECT_EQ(counter->changes, 2);
+  EXPECT_TRUE(handler->peerUid(7));
+  handler->peerUidDelAll();
+  EXPECT_FALSE(handler->peerUid(7));
+  counter->notifierIs(nullptr);
+}
+
+// Under virtual time: idle connections are closed without a reply when their request is
+// overdue, one connection beyond maxClients is closed at once, and a request that came
+// in time is served.
+TEST_F(AgentSocketServeTest, IdleClientsTimeOutAndConnectionsBeyondMaxClientsAreRefused) {
+  Quor::VirtualTime vt(1000);
+  addRecorder("ping");
+  handler->requestTimeoutIs(3);
+  handler->maxClientsIs(3);
+  LogCapture logs;
+  std::vector<int> idle;
+  for (int i = 0; i < 3; ++i) {
+    if (i > 0) Quor::sleep(1);  // accepted at 1000, 1001, 1002
+    idle.push_back(connectTo(name));
+    ASSERT_TRUE(loop()->runUntil([&] { return handler->clients() == idle.size(); }, 1));
+  }
+  int const extra = connectTo(name);
+  ASSERT_TRUE(serveUntilHangup(extra));
+  EXPECT_EQ(readAll(extra), "");
+  ::close(extra);
+  EXPECT_EQ(handler->clients(), 3u);
+  ASSERT_EQ(::send(idle[2], "ping 2", 6, 0), 6);  // the last one asks in time
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(serveUntilHangup(idle[i]));
+    if (i < 2) {
+      EXPECT_GE(Quor::now(), 1000 + i + 3) << "closed before its deadline";
+    }
+    EXPECT_EQ(readAll(idle[i]), i < 2 ? "" : "ping|2");
+    ::close(idle[i]);
+  }
+  for (auto& line : logs.lines) line = std::regex_replace(line, std::regex("clientFd:[0-9]+"), "clientFd:N");
+  EXPECT_EQ(logs.lines, (Texts{"AGENT_SOCKET_TOO_MANY_CLIENTS/3: Command connection refused: 3 connections open (maxClients)",
+                               "AGENT_SOCKET_REQUEST_TIMEOUT/3: Command connection clientFd:N closed: no request within 3 seconds",
+                               "AGENT_SOCKET_REQUEST_TIMEOUT/3: Command connection clientFd:N closed: no request within 3 seconds"}));
+}
+
+// A client that reads slowly or not at all holds the loop for sendTimeout at most,
+// whether the reply goes out with agentSocketReply or with one send().
+TEST_F(AgentSocketServeTest, SlowOrStuckReadersHoldTheLoopForSendTimeoutAtMost) {
+  handler->sendTimeoutIs(0.3);
+  std::string const reply(4 << 20, 'r');
+  std::size_t written = 0;
+  int replyErrno = 0;
+  bool oneSend = false;
+  Ptr<Recorder> big = addRecorder("big");
+  big->action = [&](unsigned d, std::string const&) {
+    if (oneSend) {
+      ssize_t const n = ::send(static_cast<int>(d), reply.data(), reply.size(), 0);
+      written = n > 0 ? static_cast<std::size_t>(n) : 0;
+    } else {
+      written = Vell::agentSocketReply(d, reply);
+    }
+    replyErrno = errno;
+  };
+  using Clock = std::chrono::steady_clock;
+  for (int round = 0; round < 3; ++round) {
+    oneSend = round == 2;
+    int const fd = connectTo(name);
+    ASSERT_EQ(::send(fd, "big", 3, 0), 3);
+    // Round 1: a child process reads 4 KiB every 20 ms (200 KiB/s) for ever.
+    pid_t const reader = round == 1 ? ::fork() : -1;
+    if (reader == 0) {
+      char buf[4096];
+      while (::read(fd, buf, sizeof buf) > 0) ::usleep(20000);
+      ::_exit(0);
+    }
+    auto const start = Clock::now();
+    ASSERT_TRUE(loop()->runUntil([&] { return big->calls.size() == static_cast<std::size_t>(round + 1); }, 5));
+    double const held = std::chrono::duration<double>(Clock::now() - start).count();
+    EXPECT_GE(held, 0.25) << "round " << round;
+    EXPECT_LT(held, 0.3 + 0.5) << "round " << round;
+    EXPECT_LT(written, reply.size()) << "round " << round;
+    if (!oneSend) {
+      EXPECT_EQ(replyErrno, EAGAIN) << "round " << round;
+    }
+    ::close(fd);
+    if (reader > 0) {
+      ::kill(reader, SIGKILL);  // it would read the buffered megabytes for seconds
+      ::waitpid(reader, nullptr, 0);
+    }
+  }
+}
+
+// Peer policies, judged by the connecting process's user id: this process (the agent's
+// own user) and, when the tests run as root, a child that drops to the "nobody" id.
+TEST_F(AgentSocketServeTest, PeerPolicyAdmitsOnlyTheChosenUsers) {
+  addRecorder("who");
+  LogCapture logs;
+  uid_t const me = ::geteuid();
+  auto fromHere = [&] { return roundTrip(name, "who x"); };
+  handler->peerPolicyIs(Vell::peerOwnUser);
+  EXPECT_EQ(fromHere(), "who|x");
+  handler->peerPolicyIs(Vell::peerUserList);
+  EXPECT_EQ(fromHere(), "") << "refused: not listed";
+  ASSERT_EQ(logs.lines.size(), 1u);
+  EXPECT_EQ(logs.lines[0], "AGENT_SOCKET_PEER_REFUSED/3: Command connection refused for pid " + std::to_string(::getpid()) +
+                               " uid " + std::to_string(me) + " (peer policy peerUserList)");
+  handler->peerUidIs(me);
+  EXPECT_EQ(fromHere(), "who|x");
+  handler->peerPolicyIs(Vell::peerRootAndOwnUser);
+  EXPECT_EQ(fromHere(), "who|x");
+
+  if (me != 0) GTEST_SKIP() << "another user id needs root to switch to: the child's case is not run";
+  uid_t const nobody = 65534;
+  auto fromNobody = [&] {
+    int report[2];
+    EXPECT_EQ(::pipe(report), 0);
+    pid_t const child = ::fork();
+    if (child == 0) {
+      if (::setgid(nobody) != 0 || ::setuid(nobody) != 0) ::_exit(2);
+      int const fd = connectTo(name);
+      if (fd < 0 || ::send(fd, "who y", 5, 0) != 5) ::_exit(3);
+      std::string const got = readAll(fd);
+      (void)!::write(report[1], got.data(), got.size());
+      ::_exit(0);
+    }
+    ::close(report[1]);
+    // Served (or refused) once accepted and closed; the child then reads to the end.
+    auto const accepted = handler->agentsockFd()->readableCount();
+    EXPECT_TRUE(loop()->runUntil(
+        [&] { return handler->agentsockFd()->readableCount() > accepted && handler->clients() == 0; }, 5));
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    std::string const got = readAll(report[0]);
+    ::close(report[0]);
+    return got;
+  };
+  for (auto policy : {Vell::peerOwnUser, Vell::peerRootAndOwnUser}) {
+    handler->peerPolicyIs(policy);
+    EXPECT_EQ(fromNobody(), "") << policy;
+  }
+  handler->peerPolicyIs(Vell::peerUserList);
+  handler->peerUidIs(nobody);
+  EXPECT_EQ(fromNobody(), "who|y");
+  handler->peerPolicyIs(Vell::peerAnyone);
+  handler->peerUidDelAll();
+  EXPECT_EQ(fromNobody(), "who|y");
+}
+
+// A child agent under a low descriptor limit, driven out of descriptors by clients that
+// connect and say nothing: it pauses accepting instead of spinning (low CPU time, one
+// report), and answers again once the clients leave.
+TEST_F(AgentSocketServeTest, DescriptorExhaustionPausesAcceptingAndIsReportedOnce) {
+  handler = nullptr;  // the child makes its own
+  int ready[2], report[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(report), 0);
+  int const errors = ::memfd_create("agent-stderr", 0);
+  pid_t const agent = ::fork();
+  if (agent == 0) {
+    ::dup2(errors, STDERR_FILENO);
+    auto h = Vell::agentSocketHandlerSmFactory(name);
+    h->requestTimeoutIs(60);
+    Ptr<Recorder> ping = new Recorder("ping");
+    h->agentSocketCallbackIs(ping);
+    rlimit const low{static_cast<rlim_t>(openDescriptors() + 4), static_cast<rlim_t>(openDescriptors() + 4)};
+    if (::setrlimit(RLIMIT_NOFILE, &low) != 0) ::_exit(2);
+    (void)!::write(ready[1], "r", 1);
+    if (!loop()->runUntil([&] { return h->acceptPaused(); }, 5)) ::_exit(3);
+    rusage before{}, after{};
+    ::getrusage(RUSAGE_SELF, &before);
+    loop()->runUntil([] { return false; }, 1.0);
+    ::getrusage(RUSAGE_SELF, &after);
+    auto cpu = [](rusage const& u) {
+      return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+             static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) * 1e-6;
+    };
+    double const used = cpu(after) - cpu(before);
+    (void)!::write(report[1], &used, sizeof used);
+    ::_exit(loop()->runUntil([&] { return ping->calls.size() == 1; }, 10) ? 0 : 4);
+  }
+  ::close(ready[1]);
+  ::close(report[1]);
+  char r;
+  ASSERT_EQ(::read(ready[0], &r, 1), 1);
+  // Clients that connect and say nothing, until the agent has taken all it can (4) and
+  // its backlog is full; a connect fails at once while the backlog is full.
+  std::vector<int> idle;
+  for (int attempt = 0; attempt < 400 && idle.size() < 9; ++attempt) {
+    int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr;
+    socklen_t const len = Vell::agentSocketAddress(name, &addr);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), len) == 0) {
+      idle.push_back(fd);
+    } else {
+      ::close(fd);
+      ::usleep(5000);
+    }
+  }
+  pollfd p{report[0], POLLIN, 0};
+  ASSERT_EQ(::poll(&p, 1, 10000), 1) << "the agent never paused (" << idle.size() << " clients)";
+  double used = -1;
+  ASSERT_EQ(::read(report[0], &used, sizeof used), static_cast<ssize_t>(sizeof used));
+  EXPECT_LT(used, 0.1) << "CPU seconds over one second of exhaustion";
+  auto errorsSoFar = [&] {
+    ::lseek(errors, 0, SEEK_SET);
+    return readAll(errors);
+  };
+  auto count = [](std::string const& in, std::string const& what) {
+    std::size_t n = 0;
+    for (std::size_t at = in.find(what); at != std::string::npos; at = in.find(what, at + 1)) ++n;
+    return n;
+  };
+  std::string const during = errorsSoFar();  // one episode so far
+  EXPECT_EQ(count(during, "Accepting connection on socket: Too many open files"), 1u) << during;
+  EXPECT_EQ(count(during, "AGENT_SOCKET_ACCEPT_ERROR"), 1u) << during;
+
+  for (int fd : idle) ::close(fd);
+  int fd = -1;
+  for (int attempt = 0; attempt < 50 && fd < 0; ++attempt) {
+    fd = connectTo(name);
+    if (fd < 0) ::usleep(20000);
+  }
+  ASSERT_GE(fd, 0);
+  timeval const patience{10, 0};  // a dead agent fails the test instead of hanging it
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  ASSERT_EQ(::send(fd, "ping 1", 6, 0), 6);
+  EXPECT_EQ(readAll(fd), "ping|1");
+  ::close(fd);
+  int status = 0;
+  ASSERT_EQ(::waitpid(agent, &status, 0), agent);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  // Draining the backlog as the clients leave may briefly run out again: still bounded.
+  std::string const all = errorsSoFar();
+  EXPECT_LT(std::count(all.begin(), all.end(), '\n'), 10) << all;
+  for (int d : {ready[0], report[0], errors}) ::close(d);
 }
 
 }  // namespace

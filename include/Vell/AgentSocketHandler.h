@@ -14,6 +14,15 @@
 // written without blocking. Everything runs on one activity loop; a slow callback stalls
 // that loop for its duration.
 //
+// Hostile or broken clients. A connection must send its request within
+// `requestTimeout` (5 s) and at most `maxClients` (64) connections are open; beyond
+// either, connections are closed without a reply. A reply's writes may block the loop
+// for `sendTimeout` (2 s) in all, however slowly the client reads (see handleCommand).
+// When the process runs out of descriptors, accepting pauses (100 ms, or until a
+// connection closes) instead of spinning, and the failure is reported once per episode.
+// `peerPolicy` chooses who may send commands, by the peer's user id (an abstract socket
+// has no file permissions: by default anyone in the network namespace may).
+//
 // Privilege: each command first forces the connection's send buffer to 1 MiB, which the
 // kernel allows only with CAP_NET_ADMIN. Without it every command is refused: the
 // connection is closed without a reply and AGENT_SOCKET_COMMAND_ERROR is logged.
@@ -23,6 +32,8 @@
 #include <sys/un.h>
 
 #include <map>
+#include <set>
+#include <string_view>
 
 #include <Quor/Quor.h>
 
@@ -36,6 +47,25 @@ inline constexpr unsigned agentSocketRequestMax = 1027;
 inline constexpr char agentSocketUnknownCommand[] = "Unknown Command \n";
 /// The send buffer forced on every connection before its command runs.
 inline constexpr int agentSocketSendBufferBytes = 1048576;
+/// How long accepting pauses when the process has no descriptor left.
+inline constexpr Quor::Seconds agentSocketAcceptPause = 0.1;
+
+/// Who may send commands, judged by the connecting process's user id (SO_PEERCRED).
+enum AgentSocketPeerPolicy : U8 {
+  peerAnyone = 0,          ///< anyone who can reach the socket (its network namespace)
+  peerOwnUser = 1,         ///< the agent's own effective user
+  peerRootAndOwnUser = 2,  ///< root and the agent's own effective user
+  peerUserList = 3,        ///< the user ids in `peerUid` only
+};
+QUOR_ENUM_TEXT(AgentSocketPeerPolicy, "AgentSocketPeerPolicy", {peerAnyone, "peerAnyone"}, {peerOwnUser, "peerOwnUser"},
+               {peerRootAndOwnUser, "peerRootAndOwnUser"}, {peerUserList, "peerUserList"})
+
+/// Writes a reply to a command's connection: all of `text`, or as much as the
+/// connection's stall budget (the handler's sendTimeout, shared by every write of one
+/// reply) lets through. When the budget runs out the connection's sending side is shut
+/// down, so no later write of the reply can block either. Returns the bytes written;
+/// errno tells why when short (EAGAIN: the client read too slowly; EPIPE: it left).
+QUOR_API std::size_t agentSocketReply(unsigned int descriptor, std::string_view text);
 
 /// One command word of the socket. Agents derive from it and override handleCommand.
 class QUOR_API AgentSocketCallback : public Quor::Entity {
@@ -46,7 +76,10 @@ class QUOR_API AgentSocketCallback : public Quor::Entity {
   /// Serves one request: writes the reply to `descriptor` (a connected stream socket,
   /// blocking) and returns. The connection is closed afterwards by the handler, so the
   /// callback must not close it. SIGPIPE is ignored meanwhile: a client that hung up
-  /// makes writes fail with EPIPE. `commandArgs` is the text after the first blank,
+  /// makes writes fail with EPIPE. Each write blocks at most the handler's sendTimeout;
+  /// write a large reply with agentSocketReply() (or in one send()), not in a loop of
+  /// your own: such a loop against a client that reads a byte now and then would be
+  /// bounded per write only. `commandArgs` is the text after the first blank,
   /// unchanged (empty without a blank); a zero byte in the request ends its text. An
   /// exception thrown here is logged (AGENT_SOCKET_COMMAND_ERROR) and the connection
   /// closed as usual. The base version writes nothing.
@@ -99,6 +132,7 @@ class QUOR_API ClientSm : public Quor::Entity {
   Quor::Ptr<Quor::FileDescriptor> clientFd_;
   Quor::Ptr<QuorClientFd> clientFdReactor_;
   AgentSocketHandlerSm* handler_;  // back pointer: raw, cleared by the handler when it goes
+  U64 serial_ = 0;                 // its place among the connections awaiting a request
 };
 
 /// The listening side of an agent's command socket.
@@ -110,6 +144,11 @@ class QUOR_API AgentSocketHandlerSm : public Quor::Entity {
     virtual void onAgentSocketCallback(Quor::String8 const&) {}
     virtual void onClient(Quor::Name const&) {}
     virtual void onFd(Quor::Name const&) {}
+    virtual void onRequestTimeout() {}
+    virtual void onMaxClients() {}
+    virtual void onSendTimeout() {}
+    virtual void onPeerPolicy() {}
+    virtual void onPeerUid(U32) {}
   };
   using AgentSocketCallbackMap = std::map<Quor::String8, Quor::Ptr<AgentSocketCallback>>;
   using AgentSocketCallbackIteratorConst = AgentSocketCallbackMap::const_iterator;
@@ -160,6 +199,30 @@ class QUOR_API AgentSocketHandlerSm : public Quor::Entity {
   void fdDelAll();
   U32 fds() const { return static_cast<U32>(fds_.size()); }
 
+  /// Seconds a connection has to send its request before it is closed without a reply.
+  /// Throws "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed".
+  Quor::Seconds requestTimeout() const { return requestTimeout_; }
+  void requestTimeoutIs(Quor::Seconds s);
+  /// Open connections allowed; one more is closed at once without a reply.
+  /// Throws "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed".
+  U32 maxClients() const { return maxClients_; }
+  void maxClientsIs(U32 n);
+  /// The most all writes of one reply may block the loop, in seconds.
+  /// Throws "AgentSocketHandlerSm::sendTimeout < 0.001 or > 3600 not allowed".
+  Quor::Seconds sendTimeout() const { return sendTimeout_; }
+  void sendTimeoutIs(Quor::Seconds s);
+  /// Who may send commands; a refused peer is closed without a reply and logged
+  /// (AGENT_SOCKET_PEER_REFUSED, with its pid and uid).
+  AgentSocketPeerPolicy peerPolicy() const { return peerPolicy_; }
+  void peerPolicyIs(AgentSocketPeerPolicy p);
+  /// The user ids peerUserList admits.
+  bool peerUid(U32 uid) const { return peerUids_.contains(uid); }
+  void peerUidIs(U32 uid);
+  void peerUidDel(U32 uid);
+  void peerUidDelAll();
+  /// True while accepting is paused for want of descriptors.
+  bool acceptPaused() const { return acceptPaused_; }
+
   /// Opens, binds and listens. A failure prints the system error and aborts the
   /// process (a name that another socket holds included). Precondition: not initialised.
   void handleInitialized() override;
@@ -181,7 +244,15 @@ class QUOR_API AgentSocketHandlerSm : public Quor::Entity {
  private:
   friend QUOR_API Quor::Ptr<AgentSocketHandlerSm> agentSocketHandlerSmFactory(
       Quor::String8 const&, Quor::Ptr<Quor::ActivityConfig> const&);
+  friend class ClientSm;
   class QuorAgentsockFd;
+  class QuorClock;
+  bool admit(int descriptor);
+  void acceptFailed(int err);
+  void resumeAccepting();
+  void handleClock();
+  void armClock();
+  void requestArrived(ClientSm const& client);
 
   Quor::Ptr<Quor::ActivityConfig> activity_;
   Quor::Ptr<Quor::FileDescriptor> agentsockFd_;
@@ -190,6 +261,20 @@ class QUOR_API AgentSocketHandlerSm : public Quor::Entity {
   std::map<Quor::Name, Quor::Ptr<ClientSm>> clients_;
   std::map<Quor::Name, Quor::Ptr<Quor::FileDescriptor>> fds_;
   mutable Quor::NotifieeList<NotifieeConst> notifiees_;
+
+  Quor::Seconds requestTimeout_ = 5;
+  U32 maxClients_ = 64;
+  Quor::Seconds sendTimeout_ = 2;
+  AgentSocketPeerPolicy peerPolicy_ = peerAnyone;
+  std::set<U32> peerUids_;
+  // Connections still waiting for their request, by accept serial (accepted earlier,
+  // due earlier: the deadline is the accept time plus requestTimeout).
+  std::map<U64, std::pair<Quor::Seconds, Quor::Name>> awaitingRequest_;
+  U64 acceptSerial_ = 0;
+  bool acceptPaused_ = false;   // listener's readable notification off for now
+  bool acceptFailing_ = false;  // in an episode of failed accepts (reported once)
+  Quor::Seconds acceptResume_ = Quor::endOfTime;
+  Quor::Ptr<QuorClock> clock_;
 };
 
 /// Makes a handler and has it listen on the abstract address "\0s<name>" (names of 106
@@ -210,5 +295,13 @@ QUOR_API socklen_t agentSocketAddress(Quor::String8 const& name, sockaddr_un* ad
 /// The operator log messages of the command socket.
 QUOR_API extern Quor::LogHandle agentSocketCommandError;       ///< "Error (%s) on command execution"
 QUOR_API extern Quor::LogHandle agentSocketInvalidDescriptor;  ///< "Invalid socket request call"
+/// "Cannot accept command connections on %s (%s); accepting pauses": once per episode.
+QUOR_API extern Quor::LogHandle agentSocketAcceptError;
+/// "Command connection %s closed: no request within %g seconds"
+QUOR_API extern Quor::LogHandle agentSocketRequestTimeout;
+/// "Command connection refused: %u connections open (maxClients)"
+QUOR_API extern Quor::LogHandle agentSocketTooManyClients;
+/// "Command connection refused for pid %d uid %u (peer policy %s)"
+QUOR_API extern Quor::LogHandle agentSocketPeerRefused;
 
 }  // namespace Vell
