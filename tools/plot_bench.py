@@ -61,8 +61,9 @@ def load(folder):
                     data = json.load(fh)
                 except json.JSONDecodeError:
                     continue
-            runs = [b for b in data.get("benchmarks", []) if b.get("run_type", "iteration") == "iteration"
-                    and not b.get("error_occurred")]
+            # Repeated benchmarks report aggregates only: their median stands for them.
+            runs = [b for b in data.get("benchmarks", []) if (b.get("run_type", "iteration") == "iteration"
+                    or b.get("aggregate_name") == "median") and not b.get("error_occurred")]
             programs[f[:-5]] = runs
     return programs
 
@@ -123,6 +124,60 @@ def precision_figure(path, runs):
     return True
 
 
+def xact_figure(path, runs):
+    """Transactions per second by executors (100 in progress) and by transactions in
+    progress (4 executors), end to end against the fan-out/fan-in floor."""
+    pts = defaultdict(dict)
+    for b in runs:
+        parts = b["name"].split("/")
+        if len(parts) >= 3 and parts[1].isdigit() and parts[2].isdigit() and "items_per_second" in b:
+            pts[parts[0]][(int(parts[1]), int(parts[2]))] = b["items_per_second"]
+    if not pts:
+        return False
+    fig, (ax, ax2) = plt.subplots(1, 2, figsize=(9, 4.2))
+    for family, by in sorted(pts.items()):
+        ex = sorted((e, v) for (e, w), v in by.items() if w == 100)
+        wp = sorted((w, v) for (e, w), v in by.items() if e == 4)
+        ax.plot([e for e, _ in ex], [v for _, v in ex], marker="o", label=family)
+        ax2.plot([w for w, _ in wp], [v for _, v in wp], marker="o", label=family)
+    for a, xl in ((ax, "executors (100 in progress)"), (ax2, "transactions in progress (4 executors)")):
+        a.set_xscale("log")
+        a.set_yscale("log")
+        a.set_xlabel(xl)
+        a.set_ylabel("transactions per second")
+        a.grid(True, which="both", alpha=0.3)
+        a.legend(fontsize=7)
+    fig.suptitle("Transactions end to end, real clock")
+    fig.tight_layout()
+    fig.savefig(path, dpi=110)
+    plt.close(fig)
+    return True
+
+
+def storm_figure(path, runs):
+    """Watching under a storm: events delivered per second and the reader's CPU time per
+    event, medians of the repeated storms."""
+    rows = [b for b in runs if b.get("aggregate_name", "median") == "median" and "events_per_second" in b]
+    if not rows:
+        return False
+    names = [b["name"].split("/")[0] for b in rows]
+    fig, (ax, ax2) = plt.subplots(1, 2, figsize=(9, 4.2))
+    ax.bar(names, [b["events_per_second"] for b in rows])
+    ax.set_title("Events delivered per second (writer-bound)")
+    ax2.bar(names, [b["reader_cpu_us_per_event"] for b in rows], color="tab:orange")
+    ax2.set_title("Reader CPU time per event (us)")
+    for a in (ax, ax2):
+        a.tick_params(axis="x", labelsize=7)
+    fig.tight_layout()
+    fig.savefig(path, dpi=110)
+    plt.close(fig)
+    return True
+
+
+SPECIAL = {"precision_bench": (precision_figure, "timer_precision.png"),
+           "xact_bench": (xact_figure, "xact_throughput.png"),
+           "inotify_bench": (storm_figure, "watch_storm.png")}
+
 # program -> [(file, title, x label, series regex, metric)]
 FIGURES = {
     "timer_wheel_bench": [
@@ -154,9 +209,10 @@ def main():
         sys.exit(f"no benchmark JSON in {src}: run 'make bench' first")
     written = []
     for prog, runs in programs.items():
-        if prog == "precision_bench":
-            if precision_figure(os.path.join(out, "timer_precision.png"), runs):
-                written.append("timer_precision.png")
+        if prog in SPECIAL:
+            draw, fname = SPECIAL[prog]
+            if draw(os.path.join(out, fname), runs):
+                written.append(fname)
             continue
         for fname, title, xlabel, pattern, metric in FIGURES.get(prog, []):
             series = series_points(runs, pattern, metric)
