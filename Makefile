@@ -62,6 +62,7 @@ test-sanitize: deps
 	  ctest --test-dir $(BUILD_ASAN) --output-on-failure -j $(JOBS)
 
 demo: build
+	$(call ensure_packages,socat:socat)
 	@sh examples/run_demo.sh $(BUILD)
 
 bench: bench-deps $(BUILD)/CMakeCache.txt
