@@ -7,7 +7,9 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <map>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -17,6 +19,28 @@
 #include <Quor/Quor.h>
 
 #include "TestSupport.h"
+
+// The replacements below pair operator new with free(), which GCC reports at every
+// inlined delete of this file.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+namespace {
+
+// Every allocation of this program is counted, so a test can assert that a path
+// allocates nothing.
+std::size_t allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t n) {
+  ++allocations;
+  if (void* p = std::malloc(n ? n : 1)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace {
 
@@ -383,6 +407,26 @@ TEST_F(LoopTest, ExceptionFromAReactorLeavesTheLoopConsistent) {
 
 // now() follows the monotonic clock from the wall-clock time it started at: a step of
 // the system clock moves wallClockNow() but neither stalls nor rushes armed reactors.
+// Once the loop's heap has grown, arming, re-arming, disarming and running due reactors
+// that re-arm themselves allocate nothing.
+TEST_F(LoopTest, ArmingAllocatesNothingInASteadyState) {
+  std::vector<Quor::Ptr<Alarm>> alarms;
+  for (int i = 0; i < 1000; ++i) alarms.push_back(alarm("a", 2000 + i % 7));
+  for (auto& a : alarms) a->react = [](Alarm* self) { self->timeMinIs(Quor::now() + 5); };
+  log.reserve(10000);
+  loop->runOnce(0);
+  std::size_t const before = allocations;
+  for (int round = 0; round < 3; ++round) {
+    for (std::size_t i = 0; i < alarms.size(); i += 3) alarms[i]->timeMinIs(Quor::endOfTime);
+    for (std::size_t i = 0; i < alarms.size(); i += 3) alarms[i]->timeMinIs(1500 + static_cast<double>(i % 11));
+    for (std::size_t i = 1; i < alarms.size(); i += 3) alarms[i]->timeMinIs(1800 - static_cast<double>(i % 5));
+    vt.advance(1000);
+    loop->runOnce(0);  // every alarm due runs, and re-arms itself
+  }
+  EXPECT_EQ(allocations - before, 0u);
+  EXPECT_GT(log.size(), 1000u);
+}
+
 TEST(TimeTest, SystemClockStepDoesNotMoveNow) {
   static Quor::Seconds wall = 1.7e9, mono = 500;
   Quor::detail::systemClocksIs([] { return wall; }, [] { return mono; });

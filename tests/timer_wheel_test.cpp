@@ -44,21 +44,6 @@ struct TestTimer : Timer {
   std::function<void(TestTimer&)> action;
 };
 
-// Collects the "TimerWheel" trace lines while it lives.
-struct TraceCapture {
-  explicit TraceCapture(int level) {
-    Quor::traceLevelIs("TimerWheel", level);
-    Quor::traceSinkIs([this](Quor::TraceRecord const& r) { lines.push_back(r.text); });
-  }
-  ~TraceCapture() {
-    Quor::traceLevelIs("TimerWheel", -1);
-    Quor::traceSinkIs({});
-  }
-  long count(std::string const& line) const { return std::count(lines.begin(), lines.end(), line); }
-  std::vector<std::string> lines;
-};
-
-
 // What must hold between any two steps: slot lists linked both ways, members marked with
 // their own slot, occupancy bits and counts in agreement, exactly the expected timers,
 // and the clock armed at the first used slot of bucket 0 (or at the wrap) while running;
@@ -321,10 +306,10 @@ TEST_F(TimerWheelTest, BoundsAndTexts) {
 
 TEST_F(TimerWheelTest, BucketCreation) {
   {
-    TraceCapture trace(0);
+    VellTest::TraceCapture trace("TimerWheel", 0);
     auto tw = make(10, 2, false, 256);  // one bucket would do: a second is always added
     EXPECT_EQ(std::pair(tw->bucketCount(), tw->maxTicks()), std::pair(2u, 65536u));
-    EXPECT_EQ(trace.lines, (std::vector<std::string>{" ## Add a new bucket to index 0 of size 256",
+    EXPECT_EQ(trace.texts(), (std::vector<std::string>{" ## Add a new bucket to index 0 of size 256",
                                                      " ## Add a new bucket to index 1 of size 256",
                                                      "TimerWheel::handleInitialized: Total buckets created 2 of 256 each."}));
   }
@@ -348,7 +333,7 @@ TEST_F(TimerWheelTest, Placement) {
   make(2, 1000, false, 256);  // an exact half: 62.5 ms counts as 62, so 31 ticks of 2 ms
   EXPECT_EQ(arm(now + 0.0625)->wheelIndex(), 31u);
 
-  TraceCapture trace(0);
+  VellTest::TraceCapture trace("TimerWheel", 0);
   make(1, 64, false, 4);  // buckets of 4, 4, 4: capacity 64 ticks
   auto at = [&](double ms) {
     auto n = arm(now + ms / 1000.0);
@@ -358,11 +343,11 @@ TEST_F(TimerWheelTest, Placement) {
   EXPECT_EQ(at(4), std::pair(1u, 1u));  // carry 4 div 4
   EXPECT_EQ(at(16), std::pair(2u, 1u));
   EXPECT_EQ(at(63), std::pair(2u, 3u));
-  EXPECT_EQ(trace.count("Reducing timeout to fit the maximum timer capacity"), 0);
+  EXPECT_EQ(std::ranges::count(trace.texts(), std::string("Reducing timeout to fit the maximum timer capacity")), 0);
   EXPECT_EQ(at(64), std::pair(2u, 3u));             // beyond capacity: the farthest slot
   EXPECT_EQ(at(4294967301.0), std::pair(2u, 3u));  // 2^32 + 5 ticks: not wrapped to 5
   EXPECT_EQ(at(1e300), std::pair(2u, 3u));
-  EXPECT_EQ(trace.count("Reducing timeout to fit the maximum timer capacity"), 3);
+  EXPECT_EQ(std::ranges::count(trace.texts(), std::string("Reducing timeout to fit the maximum timer capacity")), 3);
 }
 
 // ---- clock handling --------------------------------------------------------------------------
@@ -387,7 +372,7 @@ TEST_F(TimerWheelTest, GhostIndexScheduleAndCascade) {
 }
 
 TEST_F(TimerWheelTest, RestAfterLastTimerAndRestart) {
-  TraceCapture trace(1);
+  VellTest::TraceCapture trace("TimerWheel", 1);
   make(10, 1000, false, 16);
   auto only = arm(start + 0.05);
   only->timeMinIs(Quor::endOfTime);  // the last timer goes: at rest
@@ -408,7 +393,7 @@ TEST_F(TimerWheelTest, RestAfterLastTimerAndRestart) {
     EXPECT_NEAR(only->firedAt.back(), start + 1.2845, 1e-9);
   }
   EXPECT_EQ(wheel->scheduledWheelIndex(), invalid);  // firing the last timer rests it too
-  EXPECT_EQ(trace.count("Wheel being shut down"), 2);
+  EXPECT_EQ(std::ranges::count(trace.texts(), std::string("Wheel being shut down")), 2);
   expectSound();
 }
 
