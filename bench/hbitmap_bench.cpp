@@ -202,6 +202,12 @@ void registerRangeSearches() {
       check(st, p, p.hb->findSetBitInRange(p.size / 2, p.size - 1, HBitmap::preferLo));
       for (auto _ : st) benchmark::DoNotOptimize(p.hb->findSetBitInRange(p.size / 2, p.size - 1, HBitmap::preferLo));
     });
+    benchmark::RegisterBenchmark(("findInRange/HBitmapSeek" + tag).c_str(), [=](benchmark::State& st) {
+      Pattern& p = pattern(log2, Density::sparse, true);
+      check(st, p, p.hb->seekBitInRange(p.size / 2, p.size - 1, HBitmap::Set, HBitmap::preferLo));
+      for (auto _ : st)
+        benchmark::DoNotOptimize(p.hb->seekBitInRange(p.size / 2, p.size - 1, HBitmap::Set, HBitmap::preferLo));
+    });
     benchmark::RegisterBenchmark(("findInRange/wordScan" + tag).c_str(), [=](benchmark::State& st) {
       Pattern& p = pattern(log2, Density::sparse, true);
       for (auto _ : st) benchmark::DoNotOptimize(scanLo(p.words, true, p.size / 128));

@@ -270,6 +270,58 @@ U32 HBitmap::search(IndexPreference indexPref, BitState state) const {
   }
 }
 
+// Word `word` of level h as "a bit in `state` lies below each set bit". Padding reads as
+// nothing there in both trees (0 in setBm, 1 in clearBm).
+inline U64 HBitmap::probe(U32 h, U32 word, BitState state) const {
+  U32 const w = arrayBaseOffsetForHeight_[h] + word;
+  return state == Set ? setBm_[w] : ~clearBm_[w];
+}
+
+// Climbs from `start`: at each level, the rest of the current word; when it is empty, the
+// next word's bit one level up. The first bit found leads down, lowest child first, to
+// the lowest wanted bit at or after start; past `end`, or past the top, there is none.
+U32 HBitmap::seekLo(U32 start, U32 end, BitState state) const {
+  U32 p = start;
+  for (U32 h = 0; h < height_; ++h) {
+    if (U64 const word = probe(h, p / 64, state) & (allOnes << (p % 64))) {
+      p = (p & ~63u) + static_cast<U32>(std::countr_zero(word));
+      for (; h > 0; --h) p = p * 64 + static_cast<U32>(std::countr_zero(probe(h - 1, p, state)));
+      return p <= end ? p : notFound;
+    }
+    p = p / 64 + 1;  // the next word of level h, as a bit of level h + 1
+    if ((U64(p) << (6 * (h + 1))) > end) return notFound;  // always so past the top level
+  }
+  return notFound;
+}
+
+// The mirror image: from `end` down to the highest wanted bit at or before it.
+U32 HBitmap::seekHi(U32 start, U32 end, BitState state) const {
+  U32 p = end;
+  for (U32 h = 0; h < height_; ++h) {
+    if (U64 const word = probe(h, p / 64, state) & (allOnes >> (63 - p % 64))) {
+      p = (p & ~63u) + 63 - static_cast<U32>(std::countl_zero(word));
+      for (; h > 0; --h) p = p * 64 + 63 - static_cast<U32>(std::countl_zero(probe(h - 1, p, state)));
+      return p >= start ? p : notFound;
+    }
+    if (p < 64) return notFound;
+    p = p / 64 - 1;  // the previous word of level h, as a bit of level h + 1
+    if (((U64(p) + 1) << (6 * (h + 1))) <= start) return notFound;
+  }
+  return notFound;
+}
+
+U32 HBitmap::seekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {
+  QUOR_TRACE(traceHandle, 1, "HBitmap::seekBitInRange");
+  HBITMAP_CHECK(start, <=, end);
+  HBITMAP_CHECK(end, <=, size());
+  checkedEnum(state, "state");
+  checkedEnum(indexPref, "indexPref");
+  if (size_ == 0) return notFound;
+  end = std::min(end, size_ - 1);
+  if (start > end) return notFound;
+  return indexPref == preferLo ? seekLo(start, end, state) : seekHi(start, end, state);
+}
+
 U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {
   QUOR_TRACE(traceHandle, 1, "HBitmap::findBitInRange");
   HBITMAP_CHECK(start, <=, end);

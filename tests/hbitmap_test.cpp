@@ -1,5 +1,5 @@
 // HBitmap: a randomized differential test against std::vector<bool> with a word-by-word
-// invariant walker, aimed at stale remembered answers; the level layout; text forms, bad
+// invariant walker, aimed at stale remembered answers and at both range searches; the level layout; text forms, bad
 // arguments, traces, assertion texts.
 #include <gtest/gtest.h>
 
@@ -124,10 +124,20 @@ void runDifferential(U32 size, U64 seed, int steps) {
     for (int round = 0; round < 2; ++round)  // the second round answers from what the first remembered
       for (U32 k = 0; k < 4; ++k)
         ASSERT_EQ(b->findBitInState(Pref(k % 2), k < 2 ? HBitmap::Set : HBitmap::Clear), found[k]) << "search " << k;
-    U32 const lo = below(U64(size) + 1), hi = lo + below(U64(size) - lo + 1);  // hi may be size
-    for (State s : {HBitmap::Set, HBitmap::Clear})
-      for (Pref p : {HBitmap::preferLo, HBitmap::preferHi})
-        ASSERT_EQ(b->findBitInRange(lo, hi, s, p), modelFind(m, lo, U64(hi) + 1, s, p)) << s << " " << p << " " << lo << ".." << hi;
+    // Ranges: the written search on one (it costs the size), the walking one on several,
+    // among them ranges around the answers just found.
+    for (int r = 0; r < 6; ++r) {
+      U32 lo = below(U64(size) + 1), hi = lo + below(U64(size) - lo + 1);  // hi may be size
+      if (r >= 4 && size && found[r - 4] != HBitmap::notFound) lo = found[r - 4] - std::min(found[r - 4], below(3)), hi = std::min(size, found[r - 4] + below(3));
+      for (State s : {HBitmap::Set, HBitmap::Clear})
+        for (Pref p : {HBitmap::preferLo, HBitmap::preferHi}) {
+          U32 const want = modelFind(m, lo, U64(hi) + 1, s, p);
+          ASSERT_EQ(b->seekBitInRange(lo, hi, s, p), want) << s << " " << p << " " << lo << ".." << hi;
+          if (r == 0) {
+            ASSERT_EQ(b->findBitInRange(lo, hi, s, p), want) << s << " " << p << " " << lo << ".." << hi;
+          }
+        }
+    }
   }
 }
 

@@ -118,6 +118,11 @@ class QUOR_API HBitmap final : public Quor::Entity {
   U32 findClearBitInRange(U32 start, U32 end, IndexPreference indexPref) const {
     return findBitInRange(start, end, Clear, indexPref);
   }
+  /// The same answer as findBitInRange, found by walking the summary levels: up from
+  /// the range's near end until a summary word shows a wanted bit ahead, then down to
+  /// it. Costs at most 2 x height() word reads, whatever the size and the range.
+  /// Preconditions as findBitInRange's.
+  U32 seekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const;
 
   // ---- whole-bitmap operations ----
   /// Combines hbmp into this bitmap in place, bit by bit; hbmp's bits beyond size() are
@@ -145,6 +150,9 @@ class QUOR_API HBitmap final : public Quor::Entity {
   void buildLayout();
   void fillLevels();
   U32 search(IndexPreference indexPref, BitState state) const;
+  U64 probe(U32 h, U32 word, BitState state) const;
+  U32 seekLo(U32 start, U32 end, BitState state) const;
+  U32 seekHi(U32 start, U32 end, BitState state) const;
   U32 searchAndRemember(IndexPreference indexPref, BitState state) const;
   void combineWith(HBitmap const* hbmp, LogicalOp op);
   void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
