@@ -78,7 +78,7 @@ class KeyedBacklog : public Vell::CodefBase {
   /// Use keyedBacklogFactory.
   KeyedBacklog(Quor::Ptr<Quor::Clock const> const& clock, Quor::Seconds quantum, Handler handler)
       : CodefBase(clock), handler_(std::move(handler)) {
-    Quor::checkNotNull("KeyedBacklog", "handler", handler_);
+    Quor::checkNotNull("VellExample::KeyedBacklog", "handler", handler_);
     backlogQuantumIs(quantum);
   }
 

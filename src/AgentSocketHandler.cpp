@@ -449,7 +449,7 @@ Quor::Ptr<AgentSocketCallback> AgentSocketHandlerSm::agentSocketCallback(Quor::S
 }
 
 void AgentSocketHandlerSm::agentSocketCallbackIs(Quor::Ptr<AgentSocketCallback> const& cb) {
-  Quor::checkNotNull("AgentSocketHandlerSm", "agentSocketCallback", cb);
+  Quor::checkNotNull("Vell::AgentSocketHandlerSm", "agentSocketCallback", cb);
   Quor::Ptr<AgentSocketCallback>& slot = callbacks_[cb->commandType()];
   if (slot == cb) return;
   slot = cb;
@@ -457,7 +457,7 @@ void AgentSocketHandlerSm::agentSocketCallbackIs(Quor::Ptr<AgentSocketCallback> 
 }
 
 Quor::Ptr<AgentSocketCallback> AgentSocketHandlerSm::newAgentSocketCallback(Quor::Ptr<AgentSocketCallback> const& cb) {
-  Quor::checkNotNull("AgentSocketHandlerSm", "agentSocketCallback", cb);
+  Quor::checkNotNull("Vell::AgentSocketHandlerSm", "agentSocketCallback", cb);
   if (Quor::Ptr<AgentSocketCallback> old = agentSocketCallback(cb->commandType())) return old;
   agentSocketCallbackIs(cb);
   return cb;
@@ -482,8 +482,8 @@ Quor::Ptr<ClientSm> AgentSocketHandlerSm::client(Quor::Name const& name) const {
 
 Quor::Ptr<ClientSm> AgentSocketHandlerSm::clientIs(Quor::Ptr<Quor::FileDescriptor> const& fd,
                                                    Quor::Ptr<AgentSocketHandlerSm> const& handler) {
-  Quor::checkNotNull("ClientSm", "clientFd", fd);
-  Quor::checkNotNull("ClientSm", "agentSocketHandlerSm", handler);
+  Quor::checkNotNull("Vell::ClientSm", "clientFd", fd);
+  Quor::checkNotNull("Vell::ClientSm", "agentSocketHandlerSm", handler);
   // The back pointer is cleared only by the handler that keeps the connection.
   if (handler.ptr() != this)
     Quor::throwRangeException("ClientSm::agentSocketHandlerSm must be the handler that keeps the connection");
@@ -499,7 +499,7 @@ Quor::Ptr<ClientSm> AgentSocketHandlerSm::clientIs(Quor::Ptr<Quor::FileDescripto
 
 Quor::Ptr<ClientSm> AgentSocketHandlerSm::newClient(Quor::Ptr<Quor::FileDescriptor> const& fd,
                                                     Quor::Ptr<AgentSocketHandlerSm> const& handler) {
-  Quor::checkNotNull("ClientSm", "clientFd", fd);
+  Quor::checkNotNull("Vell::ClientSm", "clientFd", fd);
   if (Quor::Ptr<ClientSm> old = client(fd->name())) return old;
   return clientIs(fd, handler);
 }
@@ -523,7 +523,7 @@ Quor::Ptr<Quor::FileDescriptor> AgentSocketHandlerSm::fd(Quor::Name const& name)
 }
 
 void AgentSocketHandlerSm::fdIs(Quor::Ptr<Quor::FileDescriptor> const& fd) {
-  Quor::checkNotNull("AgentSocketHandlerSm", "fd", fd);
+  Quor::checkNotNull("Vell::AgentSocketHandlerSm", "fd", fd);
   Quor::Ptr<Quor::FileDescriptor>& slot = fds_[fd->name()];
   if (slot == fd) return;
   slot = fd;
@@ -531,7 +531,7 @@ void AgentSocketHandlerSm::fdIs(Quor::Ptr<Quor::FileDescriptor> const& fd) {
 }
 
 Quor::Ptr<Quor::FileDescriptor> AgentSocketHandlerSm::newFd(Quor::Ptr<Quor::FileDescriptor> const& fd) {
-  Quor::checkNotNull("AgentSocketHandlerSm", "fd", fd);
+  Quor::checkNotNull("Vell::AgentSocketHandlerSm", "fd", fd);
   if (Quor::Ptr<Quor::FileDescriptor> old = this->fd(fd->name())) return old;
   fdIs(fd);
   return fd;
@@ -574,7 +574,7 @@ void ClientSm::handlerGone() {
 }
 
 void ClientSm::clientFdIs(Quor::Ptr<Quor::FileDescriptor> const& fd) {
-  Quor::checkNotNull("ClientSm", "clientFd", fd);
+  Quor::checkNotNull("Vell::ClientSm", "clientFd", fd);
   if (fd == clientFd_) return;
   clientFd_ = fd;
   if (!clientFdReactor_) clientFdReactor_ = new QuorClientFd(this);

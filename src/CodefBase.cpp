@@ -42,7 +42,7 @@ void CodefBase::backlogQuantumIs(Quor::Seconds const& quantum) {
 }
 
 void CodefBase::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
-  Quor::checkNotNull("CodefBase", "clock", clock);
+  Quor::checkNotNull("Vell::CodefBase", "clock", clock);
   bool const fresh = !clock_;
   if (fresh) clock_ = new QuorClock(this);
   clock_->notifierIs(clock);  // an armed timeMin moves with the reactor

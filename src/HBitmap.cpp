@@ -341,7 +341,7 @@ U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference 
 
 void HBitmap::doLogicalOp(Quor::Ptr<HBitmap const> const& hbmp, LogicalOp op) {
   QUOR_TRACE(traceHandle, 1, "HBitmap::doLogicalOp");
-  Quor::checkNotNull("HBitmap", "hbmp", hbmp);  // a null bitmap is a bad argument, not a crash
+  Quor::checkNotNull("Vell::HBitmap", "hbmp", hbmp);  // a null bitmap is a bad argument, not a crash
   combineWith(hbmp.ptr(), op);
 }
 

@@ -97,7 +97,7 @@ Quor::Ptr<InotifyWatcher> InotifyMgrSm::watcher(int wd) const {
 }
 
 void InotifyMgrSm::watcherIs(Quor::Ptr<InotifyWatcher> const& w) {
-  Quor::checkNotNull("InotifyMgrSm", "watcher", w);
+  Quor::checkNotNull("Vell::InotifyMgrSm", "watcher", w);
   watcher_[w->wd()] = w;
 }
 
@@ -298,11 +298,11 @@ void InotifyWatcher::notifyWatchers(InotifyEvent const& event, Quor::String8 con
 
 WatchDescriptor::WatchDescriptor(Quor::Name const& name, Quor::Ptr<InotifyMgrSm> const& mgr)
     : Entity(name), mgr_(mgr) {
-  Quor::checkNotNull("WatchDescriptor", "mgr", mgr);
+  Quor::checkNotNull("Vell::WatchDescriptor", "mgr", mgr);
 }
 
 Quor::Ptr<WatchDescriptor> watchDescriptorFactory(Quor::Name const& name, Quor::Ptr<InotifyMgr> const& mgr) {
-  Quor::checkNotNull("WatchDescriptor", "mgr", mgr);
+  Quor::checkNotNull("Vell::WatchDescriptor", "mgr", mgr);
   return Quor::makeEntity<WatchDescriptor>(name, mgr->mgrSm());
 }
 

@@ -61,7 +61,7 @@ void Xact::commentDelAll() {
 }
 
 void Xact::blockingXactIs(Quor::Ptr<Xact const> const& x) {
-  Quor::checkNotNull("Xact", "blockingXact", x);
+  Quor::checkNotNull("Vell::Xact", "blockingXact", x);
   auto [it, fresh] = blockingXact_.try_emplace(x->id(), x);
   if (!fresh) {
     if (it->second == x) return;

@@ -201,7 +201,7 @@ std::vector<U32> XactAggregatorSm::inProgressIds() const {
 }
 
 void XactAggregatorSm::xactConfigDirIs(Quor::Ptr<XactConfigDir> const& d) {
-  Quor::checkNotNull("XactAggregatorSm", "xactConfigDir", d);
+  Quor::checkNotNull("Vell::XactAggregatorSm", "xactConfigDir", d);
   xactConfigDir_[d->name()] = d;
   configDirsChanged();
 }
@@ -217,7 +217,7 @@ void XactAggregatorSm::configDirsChanged() {
 }
 
 void XactAggregatorSm::xactStatusDirIs(Quor::Ptr<XactStatusDir const> const& d) {
-  Quor::checkNotNull("XactAggregatorSm", "xactStatusDir", d);
+  Quor::checkNotNull("Vell::XactAggregatorSm", "xactStatusDir", d);
   auto const keep = hold();
   auto& slot = xactStatusDir_[d->name()];
   if (slot && slot->notifier() == d) return;
@@ -259,7 +259,7 @@ bool XactAggregatorSm::xactIsBlocked(Xact const& x) const {
 }
 
 void XactAggregatorSm::doStartXact(Quor::Ptr<Xact> const& x) {
-  Quor::checkNotNull("XactAggregatorSm", "inProgressXact", x);
+  Quor::checkNotNull("Vell::XactAggregatorSm", "inProgressXact", x);
   QUOR_TRACE(traceHandle, 8,
              "void Vell::XactAggregatorSm::doStartXact(const Vell::Xact::Ptr&)"
                  << " xact name: " << x->name() << " id: " << x->id() << " configVersion: " << x->configVersion());
@@ -452,7 +452,7 @@ class XactExecutorSm::QuorClock : public Quor::Clock::NotifieeConst {
 XactExecutorSm::XactExecutorSm(Quor::String8 name, Quor::Ptr<XactStatusDir> const& statusDir,
                                Quor::Ptr<Quor::Clock const> const& clock, Quor::Seconds backlogQuantum)
     : Entity(Quor::Name(name.str())), name_(std::move(name)), xactStatusDir_(statusDir) {
-  Quor::checkNotNull("XactExecutorSm", "xactStatusDir", statusDir);
+  Quor::checkNotNull("Vell::XactExecutorSm", "xactStatusDir", statusDir);
   backlogQuantum_ = QUOR_CHECK_RANGE("XactExecutorSm", "backlogQuantum", backlogQuantum, 0, 3600);
   if (clock) {
     clock_ = new QuorClock(this);

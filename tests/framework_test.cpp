@@ -602,7 +602,7 @@ TEST(ExceptionTest, ExactTexts) {
   EXPECT_EQ(rangeText([] { QUOR_CHECK_RANGE("BucketSize", "value", 1u, 2, 0xfffffffe); }),
             "BucketSize::value < 2 or > 0xfffffffe not allowed");
   EXPECT_EQ(rangeText([] { QUOR_CHECK_RANGE("TimerWheel", "processTimeLimit", 0.5, 0, 0.5); }), "no exception");
-  EXPECT_EQ(rangeText([] { Quor::checkNotNull("AgentSocketHandlerSm", "fd", Quor::Ptr<Quor::FileDescriptor>()); }),
+  EXPECT_EQ(rangeText([] { Quor::checkNotNull("Vell::AgentSocketHandlerSm", "fd", Quor::Ptr<Quor::FileDescriptor>()); }),
             "null _fd parameter to mutator for Vell::AgentSocketHandlerSm::fd not allowed\"");
   EXPECT_STREQ(Quor::constInstanceMessage(), "attempting to modify a const instance");
   Quor::LinkQueue<int> q(2);

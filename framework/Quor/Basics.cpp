@@ -38,8 +38,8 @@ String8 rangeMessage(char const* cls, char const* attr, char const* min, char co
   return String8(std::string(cls) + "::" + attr + " < " + min + " or > " + max + " not allowed");
 }
 
-String8 nullParameterMessage(char const* cls, char const* attr) {
-  return String8(std::string("null _") + attr + " parameter to mutator for Vell::" + cls + "::" + attr +
+String8 nullParameterMessage(char const* qualifiedClass, char const* attr) {
+  return String8(std::string("null _") + attr + " parameter to mutator for " + qualifiedClass + "::" + attr +
                  " not allowed\"");
 }
 

@@ -38,9 +38,10 @@ class QUOR_API NoImplementationException : public Exception { public: using Exce
 /// "<Class>::<attribute> < <min> or > <max> not allowed"; the bounds are texts so that
 /// they print as declared (decimal or 0x-hexadecimal).
 QUOR_API String8 rangeMessage(char const* cls, char const* attr, char const* min, char const* max);
-/// "null _<attribute> parameter to mutator for Vell::<Class>::<attribute> not allowed"
-/// followed by one double quote, which belongs to the message.
-QUOR_API String8 nullParameterMessage(char const* cls, char const* attr);
+/// "null _<attribute> parameter to mutator for <namespace>::<Class>::<attribute> not
+/// allowed" followed by one double quote, which belongs to the message. The class comes
+/// with its namespace ("App::Widget"), as the caller names it.
+QUOR_API String8 nullParameterMessage(char const* qualifiedClass, char const* attr);
 /// The text of a write through the generic interface on a const instance.
 QUOR_API char const* constInstanceMessage();
 
@@ -61,8 +62,8 @@ T const& checkRange(char const* cls, char const* attr, T const& v, Lo min, char 
 
 /// Throws the null-parameter RangeException when p is null.
 template <class P>
-void checkNotNull(char const* cls, char const* attr, P const& p) {
-  if (!p) throwRangeException(nullParameterMessage(cls, attr));
+void checkNotNull(char const* qualifiedClass, char const* attr, P const& p) {
+  if (!p) throwRangeException(nullParameterMessage(qualifiedClass, attr));
 }
 
 }  // namespace Quor

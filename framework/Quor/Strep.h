@@ -1,7 +1,7 @@
 // The text form of values: one writer and one parser per kind, composed for value types
 // from their field lists.
 //
-//   value type    Value('Vell::UniqueId', ** {'timestamp': 12, 'pid': 34, 'count': 0})
+//   value type    Value('App::Point', ** {'x': 12, 'y': 34})
 //   enumeration   its enumerator's name; a number that is none prints as "<Type>(%d)"
 //   numbers       decimal; doubles in their shortest exact form
 //   strings       single-quoted, with \' and \\ escaped

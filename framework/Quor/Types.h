@@ -20,12 +20,3 @@ using Seconds = double;
 /// "Never": positive infinity, so that every finite time compares below it.
 inline constexpr Seconds endOfTime = std::numeric_limits<double>::infinity();
 }  // namespace Quor
-
-namespace Vell {
-using U8 = Quor::U8;
-using U16 = Quor::U16;
-using U32 = Quor::U32;
-using U64 = Quor::U64;
-/// A one-bit value. A bool is exactly that, and prints as 0/1 through the text form.
-using U1 = bool;
-}  // namespace Vell

@@ -36,6 +36,7 @@
 #include <string_view>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 #include <Vell/ValueTypes.h>
 
 namespace Vell {

@@ -20,6 +20,7 @@
 //     least one per slice, and return how many were handled.
 #pragma once
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

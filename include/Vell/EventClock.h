@@ -12,6 +12,7 @@
 // time scales (milliseconds to minutes); every operation is O(observers).
 #pragma once
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

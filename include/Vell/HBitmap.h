@@ -27,6 +27,7 @@
 // condition and the values); finding nothing is not an error but 0xFFFFFFFF.
 #pragma once
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

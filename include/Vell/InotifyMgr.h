@@ -24,6 +24,7 @@
 #include <vector>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

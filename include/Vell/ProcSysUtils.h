@@ -6,6 +6,7 @@
 // them keeps state between calls.
 #pragma once
 #include <Quor/Types.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

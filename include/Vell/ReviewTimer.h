@@ -12,6 +12,7 @@
 // timers per agent, scheduled a few times a second at most; every operation is O(1).
 #pragma once
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

@@ -16,6 +16,7 @@
 #include <type_traits>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include <Quor/Quor.h>
+#include <Vell/Types.h>
 
 namespace Vell {
 
