@@ -260,6 +260,10 @@ TEST(UniqueId, CountsWithinOneSecondAndWaitsAfter65536) {
     ASSERT_EQ(id, UniqueId(1000 + i / 0x10000, ownPid(), static_cast<U16>(i))) << i;
   }
   EXPECT_DOUBLE_EQ(Quor::now(), 1001.25);
+  vt.advance(1);  // a new second starts the count again
+  UniqueId next;
+  next.doInit();
+  EXPECT_EQ(next, UniqueId(1002, ownPid(), 0));
 }
 
 TEST(UniqueId, UnsetMeansPidAndCountAllOnes) {
