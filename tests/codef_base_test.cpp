@@ -189,6 +189,9 @@ TEST_F(CodefBaseTest, DetachedOrDroppedBacklogs) {
   EXPECT_FALSE(loop->runOnce());
   b->clockIs(clock);
   EXPECT_EQ(b->clock()->timeMin(), 0.0);  // the work left behind resumes with the new clock
+  b->clockDel();  // detached while armed, outside a slice: the next clock resumes too
+  b->clockIs(clock);
+  EXPECT_EQ(b->clock()->timeMin(), 0.0);
   b->updateIs(5, 0);
   auto const reactor = b->clock();  // someone else holds the reactor
   EXPECT_EQ(loop->armedClockReactors(), 1u);
