@@ -8,6 +8,7 @@ PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 GENERATOR    := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS  ?=
+FUZZ_SECONDS ?= 20
 
 BUILD_DEPS := cmake:cmake g++:g++ make:make pkg-config:pkg-config
 BUILD_LIBS := /usr/include/gtest/gtest.h:libgtest-dev /usr/include/gmock/gmock.h:libgmock-dev \
@@ -16,7 +17,7 @@ BENCH_LIBS := /usr/include/event2/event.h:libevent-dev /usr/include/uv.h:libuv1-
               /usr/include/boost/dynamic_bitset.hpp:libboost-dev /usr/include/roaring/roaring.h:libroaring-dev \
               inotifywait:inotify-tools
 
-.PHONY: all deps bench-deps build test test-sanitize demo bench plots fuzz coverage install clean
+.PHONY: all deps bench-deps build test test-sanitize demo bench plots fuzz tidy coverage install clean
 
 all: build
 
@@ -81,11 +82,19 @@ plots:
 	/usr/bin/python3 tools/plot_bench.py $(BUILD)/bench-json docs/bench
 
 fuzz:
-	@command -v clang++ >/dev/null 2>&1 || { echo "error: make fuzz needs clang++" >&2; exit 1; }
+	$(call ensure_packages,clang++:clang)
 	CXX=clang++ cmake -S . -B $(BUILD_FUZZ) $(GENERATOR) -DVELL_BUILD_FUZZ=ON -DVELL_BUILD_TESTS=OFF \
 	  -DVELL_BUILD_BENCH=OFF -DVELL_BUILD_TOOLS=OFF
 	cmake --build $(BUILD_FUZZ) -j $(JOBS)
-	@for f in $(BUILD_FUZZ)/fuzz/*_fuzz; do echo "== $$f"; $$f -max_total_time=20 -timeout=5 || exit 1; done
+	@for f in $(BUILD_FUZZ)/fuzz/*_fuzz; do echo "== $$f"; $$f -max_total_time=$(FUZZ_SECONDS) -timeout=5 || exit 1; done
+
+# clang-tidy with the checks of .clang-tidy over the framework and the library, as errors.
+tidy: deps $(BUILD)/CMakeCache.txt
+	$(call ensure_packages,clang-tidy:clang-tidy)
+	@cmake -S . -B $(BUILD) >/dev/null
+	@fail=0; for f in framework/Quor/*.cpp src/*.cpp; do \
+	  clang-tidy -p $(BUILD) --quiet --extra-arg=-Wno-unknown-warning-option --extra-arg=-Wno-sign-conversion $$f 2>/dev/null || fail=1; \
+	done; [ $$fail = 0 ] && echo "clang-tidy: clean" || { echo "clang-tidy: findings above" >&2; exit 1; }
 
 # Line and branch coverage of framework/ and src/ under the whole suite (gcovr).
 coverage: deps

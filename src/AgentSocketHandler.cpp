@@ -140,6 +140,7 @@ bool agentSocketSendBufferForceAllowed() {
 AgentSocketCallback::AgentSocketCallback(Quor::Name const& name, Quor::String8 const& commandType)
     : Quor::Entity(name), commandType_(commandType) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the virtual interface takes the text by value
 void AgentSocketCallback::handleCommand(unsigned int, Quor::String8) {
   QUOR_TRACE(traceHandle, 1, name() << " handleCommand");
 }
@@ -394,7 +395,8 @@ void AgentSocketHandlerSm::peerUidDelAll() {
 
 void AgentSocketHandlerSm::doCloseClientConnection(Quor::Ptr<ClientSm> const& client) {
   if (!client) return;
-  Quor::Ptr<ClientSm> const hold = client;  // `client` may refer to the entry we erase
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): `client` may be the entry we erase
+  Quor::Ptr<ClientSm> const hold = client;
   Quor::Name const name = hold->name();
   QUOR_TRACE(traceHandle, 8, "Closing: " << name);
   awaitingRequest_.erase(hold->serial_);

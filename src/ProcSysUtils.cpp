@@ -156,6 +156,7 @@ int dropPages(MappingRecord const& rec, MadviseFn const& madviseFn) {
   if (!isDroppable(rec)) return 0;
   QUOR_TRACE(traceHandle(), 5,
              "dropping " << std::hex << rec.start << "-" << rec.end << std::dec << " " << rec.path);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the mapping's address, read from smaps
   (void)madviseFn(reinterpret_cast<void*>(static_cast<std::uintptr_t>(rec.start)),
                   static_cast<std::size_t>(rec.end - rec.start), MADV_DONTNEED);
   return 0;

@@ -264,7 +264,8 @@ void XactAggregatorSm::doStartXact(Quor::Ptr<Xact> const& x) {
              "void Vell::XactAggregatorSm::doStartXact(const Vell::Xact::Ptr&)"
                  << " xact name: " << x->name() << " id: " << x->id() << " configVersion: " << x->configVersion());
   auto const keep = hold();
-  Quor::Ptr<Xact> const xact = x;  // the caller's pointer may be an entry we remove
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): `x` may be an entry we remove
+  Quor::Ptr<Xact> const xact = x;
   U32 const id = xact->id();
   xact->resultIs(xactInProgress);
   if (xactIsBlocked(*xact)) {

@@ -73,7 +73,7 @@ QUOR_API std::string sourceStem(char const* file);
   do {                                                                                      \
     if ((handle).enabled(level)) {                                                          \
       std::ostringstream quorTraceStream_;                                                  \
-      quorTraceStream_ << expr;                                                             \
+      quorTraceStream_ << expr; /* NOLINT(bugprone-macro-parentheses): a << chain */        \
       ::Quor::traceHelper((handle), (level), __FILE__, __LINE__, __func__, quorTraceStream_.str()); \
     }                                                                                       \
   } while (0)
