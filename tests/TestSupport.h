@@ -42,6 +42,20 @@ struct TraceCapture {
   }
 };
 
+/// True in a sanitizer build, whose runtime keeps freed memory in quarantine (resident
+/// memory grows) and needs descriptors of its own (it probes memory through a pipe).
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool sanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr bool sanitized = true;
+#else
+inline constexpr bool sanitized = false;
+#endif
+#else
+inline constexpr bool sanitized = false;
+#endif
+
 /// Captures log messages as "<name>/<severity>: <text>" while it lives.
 struct LogCapture {
   std::vector<std::string> lines;

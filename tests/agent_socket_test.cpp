@@ -463,7 +463,9 @@ TEST_F(AgentSocketServeTest, AbruptSequentialAndConcurrentClientsLeakNothing) {
     }
   }
   ASSERT_TRUE(loop()->runUntil([&] { return handler->clients() == 0; }, 5));
-  EXPECT_LT(residentPages() - rssWarm, 1024) << "resident pages grew by more than 4 MiB";
+  if (!VellTest::sanitized) {
+    EXPECT_LT(residentPages() - rssWarm, 1024) << "resident pages grew by more than 4 MiB";
+  }
 
   std::vector<int> fds;
   for (int i = 0; i < 64; ++i) {
@@ -681,6 +683,7 @@ TEST_F(AgentSocketServeTest, PeerPolicyAdmitsOnlyTheChosenUsers) {
 // connect and say nothing: it pauses accepting instead of spinning (low CPU time, one
 // report), and answers again once the clients leave.
 TEST_F(AgentSocketServeTest, DescriptorExhaustionPausesAcceptingAndIsReportedOnce) {
+  if (VellTest::sanitized) GTEST_SKIP() << "the sanitizers' runtime needs the descriptors this test takes away";
   handler = nullptr;  // the child makes its own
   int ready[2], report[2];
   ASSERT_EQ(::pipe(ready), 0);
@@ -759,9 +762,9 @@ TEST_F(AgentSocketServeTest, DescriptorExhaustionPausesAcceptingAndIsReportedOnc
   ::close(fd);
   int status = 0;
   ASSERT_EQ(::waitpid(agent, &status, 0), agent);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
   // Draining the backlog as the clients leave may briefly run out again: still bounded.
   std::string const all = errorsSoFar();
+  EXPECT_EQ(WEXITSTATUS(status), 0) << all;
   EXPECT_LT(std::count(all.begin(), all.end(), '\n'), 10) << all;
   for (int d : {ready[0], report[0], errors}) ::close(d);
 }
