@@ -312,7 +312,7 @@ TEST_F(LoopTest, RandomizedAgainstModel) {
   unsigned const seed = 20261125;
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
-  constexpr int n = 12;
+  constexpr int n = 40;
   struct Model {
     std::map<int, std::pair<Quor::Seconds, std::uint64_t>> armed;  // id -> (time, seq)
     std::uint64_t seq = 0;
@@ -328,7 +328,8 @@ TEST_F(LoopTest, RandomizedAgainstModel) {
   int fired = 0;
 
   auto pick = [&](int hi) { return static_cast<int>(rng() % static_cast<unsigned>(hi)); };
-  auto randomTime = [&] { return Quor::now() + pick(4) - 1; };  // past, now and soon, many ties
+  // Past, now and soon with many ties, and now and then later: a heap of some depth.
+  auto randomTime = [&] { return Quor::now() + pick(4) - 1 + (pick(3) == 0 ? pick(60) : 0); };
   auto timeMinIs = [&](int id, Quor::Seconds t) {
     if (t == r[id]->timeMin()) return;  // unchanged: no new arming
     r[id]->timeMinIs(t);
@@ -371,7 +372,7 @@ TEST_F(LoopTest, RandomizedAgainstModel) {
   };
   for (int id = 0; id < n; ++id) make(id);
   for (int turn = 0; turn < 3000; ++turn) {
-    for (int k = pick(4); k > 0; --k) timeMinIs(pick(n), randomTime());
+    for (int k = pick(6); k > 0; --k) timeMinIs(pick(n), pick(4) == 0 ? Quor::endOfTime : randomTime());
     if (pick(4) == 0) vt.advance(1);
     passTime = Quor::now();
     passSeq = model.seq;
