@@ -80,7 +80,7 @@ def copy_tree(dest):
         dst = os.path.join(dest, rel)
         os.makedirs(os.path.dirname(dst), exist_ok=True)
         if not os.path.exists(dst) or open(src, "rb").read() != open(dst, "rb").read():
-            shutil.copy2(src, dst)
+            shutil.copy(src, dst)  # a fresh time: the build must see the change
 
 
 def run(cmd, cwd, timeout):
