@@ -9,6 +9,11 @@
 
 namespace Vell {
 
+// The sequence numbers are templates: instantiated here, so that their type records
+// register with the library.
+template class Seqno<U16>;
+template class Seqno<U32>;
+
 // ---- MaybeU63 ----------------------------------------------------------------------
 
 namespace {

@@ -7,11 +7,32 @@
 // walk ends; members attached during a walk are first called by the next one.
 #pragma once
 #include <algorithm>
+#include <tuple>
+#include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 #include <Quor/Ptr.h>
 
 namespace Quor {
+
+/// A reference to a value of a type known only at run time: how a tap sees a reaction
+/// (a member-function pointer) and its argument without a reactor class of its own.
+struct Erased {
+  void const* p = nullptr;
+  std::type_info const* type = nullptr;
+  template <class X>
+  X const* as() const { return type && *type == typeid(X) ? static_cast<X const*>(p) : nullptr; }
+};
+
+/// Hears every notification of one notifier, after its reactors: mirrors and logs follow
+/// an entity this way. Taps are rare, so a list without taps pays one empty check.
+class NotifieeTap {
+ public:
+  virtual ~NotifieeTap() = default;
+  /// reaction holds the reactor's member-function pointer; key the first argument (if any).
+  virtual void onTap(Erased reaction, Erased key) = 0;
+};
 
 template <class N>
 class NotifieeList {
@@ -58,13 +79,37 @@ class NotifieeList {
     for (std::size_t i = 0; i < n && i < v_.size(); ++i)
       if (N* m = v_[i]) f(m);
   }
-  /// Calls the reaction (a member function of N) on every member.
+  /// Calls the reaction (a member function of N) on every member, then every tap.
   template <class... P, class... A>
   void notify(void (N::*reaction)(P...), A const&... args) {
     forEach([&](N* m) { (m->*reaction)(args...); });
+    if (!taps_.empty()) tell(reaction, args...);
   }
 
+  void tapIs(NotifieeTap* t) {
+    if (std::find(taps_.begin(), taps_.end(), t) == taps_.end()) taps_.push_back(t);
+  }
+  void tapDel(NotifieeTap* t) { taps_.erase(std::remove(taps_.begin(), taps_.end(), t), taps_.end()); }
+
  private:
+  // The key is passed as the reaction's own parameter type, whatever the caller passed.
+  template <class... P, class... A>
+  void tell(void (N::*const& reaction)(P...), A const&... args) {
+    Erased const r{&reaction, &typeid(reaction)};
+    if constexpr (sizeof...(P) > 0) {
+      using K = std::decay_t<std::tuple_element_t<0, std::tuple<P...>>>;
+      K const key(std::get<0>(std::forward_as_tuple(args...)));
+      tellAll(r, Erased{&key, &typeid(K)});
+    } else {
+      tellAll(r, Erased{});
+    }
+  }
+  void tellAll(Erased r, Erased k) {
+    std::vector<NotifieeTap*> const snapshot = taps_;  // a tap may remove itself
+    for (NotifieeTap* t : snapshot)
+      if (std::find(taps_.begin(), taps_.end(), t) != taps_.end()) t->onTap(r, k);
+  }
+  std::vector<NotifieeTap*> taps_;
   std::vector<N*> v_;
   unsigned depth_ = 0;
   bool swept_ = false;

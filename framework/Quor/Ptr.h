@@ -13,6 +13,8 @@
 
 namespace Quor {
 
+struct TypeRecord;
+
 class QUOR_API PtrInterface {
  public:
   static constexpr U32 countMask = 0x5fffffff;
@@ -44,6 +46,8 @@ class QUOR_API PtrInterface {
 
   /// Switches delivery of notifications to this object's reactors on or off.
   virtual void hasNotificationActiveIs(bool) {}
+  /// The class's type record (Quor/Type.h), or null for a class that declares none.
+  virtual TypeRecord const* fwkType() const { return nullptr; }
 
  protected:
   /// Called once when the last reference goes, before the object is freed. An

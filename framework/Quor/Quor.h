@@ -26,8 +26,11 @@
 #include <Quor/Entity.h>
 #include <Quor/Time.h>
 #include <Quor/Activity.h>
+#include <Quor/OwnerReactor.h>
 #include <Quor/Collections.h>
 #include <Quor/Trace.h>
 #include <Quor/Log.h>
 #include <Quor/Strep.h>
+#include <Quor/NboAttrLog.h>
+#include <Quor/Type.h>
 #include <Quor/SignalHandler.h>

@@ -9,7 +9,8 @@
 // A value type declares its name and fields once with QUOR_VALUE_TYPE and gets its
 // writer, parser, operator<< and operator== from that. A type with a text form of its
 // own defines `void quorWrite(std::string&) const` and `static T quorParse(It&, It)`;
-// one that is a single number in text declares it with QUOR_WRAPPED_VALUE_TYPE.
+// one that is a single number in text declares it with QUOR_WRAPPED_VALUE_TYPE. Both
+// macros also give the type its binary form and type record (Quor/Type.h).
 // A failed parse throws RangeException (id valueParseErrorId) and leaves the target
 // unchanged.
 #pragma once
@@ -29,6 +30,16 @@
 #include <Quor/String.h>
 
 namespace Quor {
+
+// Declared in Quor/Type.h and Quor/NboAttrLog.h, which the value-type macros reach.
+struct TypeRecord;
+struct TypeRegistration;
+template <class T>
+TypeRecord const& valueTypeRecord();
+namespace NboAttrLog {
+class Out;
+class In;
+}  // namespace NboAttrLog
 
 using StrepIt = String8::IteratorConst;
 
@@ -109,7 +120,8 @@ concept CustomText = requires(T const& t, std::string& s, StrepIt& it) {
   static constexpr char const* quorTypeName = typeNameText;                              \
   static constexpr auto quorFields() { return std::make_tuple(__VA_ARGS__); }            \
   [[maybe_unused]] friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); } \
-  [[maybe_unused]] friend bool operator==(Type const& a, Type const& b) { return ::Quor::fieldsEqual(a, b); }
+  [[maybe_unused]] friend bool operator==(Type const& a, Type const& b) { return ::Quor::fieldsEqual(a, b); } \
+  static inline ::Quor::TypeRegistration const quorTypeRegistration_{&::Quor::valueTypeRecord<Type>};
 #define QUOR_FIELD(Type, name) ::Quor::field(#name, &Type::name##_)
 
 /// Declares a value type whose text is that of its one field (storage <field>_), as a
@@ -121,7 +133,13 @@ concept CustomText = requires(T const& t, std::string& s, StrepIt& it) {
     ::Quor::parseValue(it, end, v.name##_);                                                \
     return v;                                                                              \
   }                                                                                        \
-  [[maybe_unused]] friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); }
+  [[maybe_unused]] friend std::ostream& operator<<(std::ostream& o, Type const& v) { return ::Quor::writeTo(o, v); } \
+  void quorWriteNbo(::Quor::NboAttrLog::Out& out) const { out.payload(name##_); }                    \
+  static Type quorReadNbo(::Quor::NboAttrLog::In& in) {                                              \
+    Type v{};                                                                                        \
+    v.name##_ = in.payload<decltype(v.name##_)>();                                                   \
+    return v;                                                                                        \
+  }
 
 /// Gives a value type the constructor that parses it from text, leaving it behind the
 /// parsed text: Type(it, end). Opt-in, so that plain aggregates stay aggregates.

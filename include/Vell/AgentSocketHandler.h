@@ -237,6 +237,18 @@ class QUOR_API AgentSocketHandlerSm : public Quor::Entity {
   void handleDeletion();
 
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+  AgentSocketCallbackMap const& agentSocketCallbackMap() const { return callbacks_; }
+
+  QUOR_ENTITY_TYPE(AgentSocketHandlerSm, "Vell::AgentSocketHandlerSm",
+                   Quor::attr("requestTimeout", &AgentSocketHandlerSm::requestTimeout,
+                              &AgentSocketHandlerSm::requestTimeoutIs),
+                   Quor::attr("maxClients", &AgentSocketHandlerSm::maxClients, &AgentSocketHandlerSm::maxClientsIs),
+                   Quor::attr("sendTimeout", &AgentSocketHandlerSm::sendTimeout, &AgentSocketHandlerSm::sendTimeoutIs),
+                   Quor::attr("peerPolicy", &AgentSocketHandlerSm::peerPolicy, &AgentSocketHandlerSm::peerPolicyIs),
+                   Quor::attr("acceptPaused", &AgentSocketHandlerSm::acceptPaused),
+                   Quor::attr("clients", &AgentSocketHandlerSm::clients),
+                   Quor::collection("agentSocketCallback", &AgentSocketHandlerSm::agentSocketCallbackMap,
+                                    &AgentSocketHandlerSm::agentSocketCallback))
 
  protected:
   AgentSocketHandlerSm(Quor::String8 const& name, Quor::Ptr<Quor::ActivityConfig> const& activity);

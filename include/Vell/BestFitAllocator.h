@@ -427,6 +427,14 @@ class QUOR_API BestFitAllocator : public Quor::Entity {
     for (auto const& slot : inUseBlock_) f(*slot.value);
   }
 
+  QUOR_ENTITY_TYPE(BestFitAllocator, "Vell::BestFitAllocator",
+                   Quor::attr("memSz", &BestFitAllocator::memSz),
+                   Quor::attr("offset", &BestFitAllocator::offset),
+                   Quor::attr("maxBlkSz", &BestFitAllocator::maxBlkSz),
+                   Quor::attr("numFreeEntries", &BestFitAllocator::numFreeEntries),
+                   Quor::attr("inUseBlocks", &BestFitAllocator::inUseBlocks),
+                   Quor::attr("freeBlkSets", &BestFitAllocator::freeBlkSets))
+
  protected:
   void handleInitialized() override;
 

@@ -100,6 +100,14 @@ class QUOR_API EventClock : public Quor::Entity {
 
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
 
+  QUOR_ENTITY_TYPE(EventClock, "Vell::EventClock",
+                   Quor::attr("pollingInterval", &EventClock::pollingInterval, &EventClock::pollingIntervalIs),
+                   Quor::attr("timeout", &EventClock::timeout, &EventClock::timeoutIs),
+                   Quor::attr("deadline", &EventClock::deadline, &EventClock::deadlineIs),
+                   Quor::attr("eventCheck", &EventClock::eventCheck, &EventClock::eventCheckIs),
+                   Quor::attr("timerExpiration", &EventClock::timerExpiration, &EventClock::timerExpirationIs),
+                   Quor::attr("polling", &EventClock::polling))
+
  private:
   Quor::Ptr<EventClock> hold();
   template <class T>

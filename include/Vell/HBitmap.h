@@ -139,6 +139,11 @@ class QUOR_API HBitmap final : public Quor::Entity {
   /// Index of the highest 1 in word. Precondition: word != 0.
   static U32 highestSetBitOf(U64 word);
 
+  QUOR_ENTITY_TYPE(HBitmap, "Vell::HBitmap",
+                   Quor::attr("size", &HBitmap::size),
+                   Quor::attr("numBitsInSetState", &HBitmap::numBitsInSetState),
+                   Quor::attr("height", &HBitmap::height))
+
  protected:
   /// Builds the levels and fills them with initialBitState; run once, by the constructor.
   void handleInitialized() override;

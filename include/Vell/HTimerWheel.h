@@ -192,6 +192,18 @@ class QUOR_API TimerWheel : public Quor::Entity {
   /// wheel no clock calls it itself at systemClockTimeMin().
   void handleSystemClock();
 
+  QUOR_ENTITY_TYPE(TimerWheel, "Vell::TimerWheel",
+                   Quor::attr("tickMsecs", &TimerWheel::tickMsecs),
+                   Quor::attr("initialMaxTicks", &TimerWheel::initialMaxTicks),
+                   Quor::attr("preserveOrder", &TimerWheel::preserveOrder),
+                   Quor::attr("defaultBucketSize", &TimerWheel::defaultBucketSize),
+                   Quor::attr("processTimeLimit", &TimerWheel::processTimeLimit, &TimerWheel::processTimeLimitIs),
+                   Quor::attr("bucketCount", &TimerWheel::bucketCount),
+                   Quor::attr("maxTicks", &TimerWheel::maxTicks),
+                   Quor::attr("time", &TimerWheel::time),
+                   Quor::attr("timers", &TimerWheel::timers),
+                   Quor::attr("remainingNonEmptyBuckets", &TimerWheel::remainingNonEmptyBuckets))
+
  protected:
   void handleDel() override;
 

@@ -88,6 +88,9 @@ class QUOR_API InotifyMgrSm : public Quor::Entity {
   /// Unlinks wd from its watcher, dropping watcher and kernel watch with the last one.
   void doCleanupWatch(WatchDescriptor* wd);
 
+  QUOR_ENTITY_TYPE(InotifyMgrSm, "Vell::InotifyMgrSm",
+                   Quor::attr("watchers", &InotifyMgrSm::watchers))
+
  private:
   void dispatch(InotifyEvent const& event);
   void pauseInStorm();

@@ -66,6 +66,16 @@ class QUOR_API MaybeU63 {
   void quorWrite(std::string& out) const;
   /// "None" or a signed 64-bit decimal; throws Quor::Exception, never reads past end.
   static MaybeU63 quorParse(Quor::StrepIt& it, Quor::StrepIt end);
+  /// Binary: the one word, null bit included.
+  void quorWriteNbo(Quor::NboAttrLog::Out& out) const { out.u64(word_); }
+  static MaybeU63 quorReadNbo(Quor::NboAttrLog::In& in) {
+    MaybeU63 v;
+    v.word_ = in.u64();
+    if ((v.word_ & nullWord) && v.word_ != nullWord) in.fail("MaybeU63 with the null bit and a value");
+    return v;
+  }
+  static constexpr char const* quorTypeName = "Vell::MaybeU63";
+  static inline Quor::TypeRegistration const quorTypeRegistration_{&Quor::valueTypeRecord<MaybeU63>};
 
   friend constexpr bool operator==(MaybeU63, MaybeU63) = default;
   friend std::ostream& operator<<(std::ostream& o, MaybeU63 const& v) { return Quor::writeTo(o, v); }
@@ -103,6 +113,8 @@ class Seqno {
   friend constexpr bool operator==(Seqno, Seqno) = default;
 
   QUOR_WRAPPED_VALUE_TYPE(Seqno, value)
+  static constexpr char const* quorTypeName = bits == 16 ? "Vell::Seqno16" : "Vell::Seqno32";
+  static inline Quor::TypeRegistration const quorTypeRegistration_{&Quor::valueTypeRecord<Seqno>};
 
  private:
   Raw value_ = 0;

@@ -140,6 +140,15 @@ class QUOR_API Xact : public Quor::Entity {
 
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
 
+  QUOR_ENTITY_TYPE(Xact, "Vell::Xact",
+                   Quor::attr("id", &Xact::id),
+                   Quor::attr("configVersion", &Xact::configVersion, &Xact::configVersionIs),
+                   Quor::attr("startTime", &Xact::startTime, &Xact::startTimeIs),
+                   Quor::attr("statusVersion", &Xact::statusVersion, &Xact::statusVersionIs),
+                   Quor::attr("result", &Xact::result, &Xact::resultIs),
+                   Quor::collection("comment", static_cast<Comments const& (Xact::*)() const>(&Xact::comment),
+                                    static_cast<Quor::String8 (Xact::*)(Quor::String8 const&) const>(&Xact::comment)))
+
  private:
   Quor::Ptr<Xact> hold();
   U32 const id_;
@@ -195,6 +204,10 @@ class QUOR_API XactConfigDir : public Quor::Entity {
   /// The ids present, ascending.
   std::vector<U32> xactConfigIds() const;
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+  QUOR_ENTITY_TYPE(XactConfigDir, "Vell::XactConfigDir",
+                   Quor::collection("xactConfig", &XactConfigDir::xactConfigIds, &XactConfigDir::xactConfig,
+                                    &XactConfigDir::xactConfigIs, &XactConfigDir::xactConfigDel,
+                                    &NotifieeConst::onXactConfig))
 
  private:
   std::unordered_map<U32, XactConfig> xactConfig_;
@@ -220,6 +233,10 @@ class QUOR_API XactStatusDir : public Quor::Entity {
   void xactStatusDelAll();
   std::unordered_map<U32, XactStatus> const& xactStatuses() const { return xactStatus_; }
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+  QUOR_ENTITY_TYPE(XactStatusDir, "Vell::XactStatusDir",
+                   Quor::collection("xactStatus", &XactStatusDir::xactStatuses, &XactStatusDir::xactStatus,
+                                    &XactStatusDir::xactStatusIs, &XactStatusDir::xactStatusDel,
+                                    &NotifieeConst::onXactStatus))
 
  private:
   std::unordered_map<U32, XactStatus> xactStatus_;
@@ -304,6 +321,17 @@ class QUOR_API XactAggregatorSm : public Quor::Entity {
   void clockIs(Quor::Ptr<Quor::Clock const> const& clock);
   /// When the next timeout poll runs (Quor::endOfTime: none is due, or no clock).
   Quor::Seconds clockTimeMin() const;
+
+  QUOR_ENTITY_TYPE(XactAggregatorSm, "Vell::XactAggregatorSm",
+                   Quor::attr("inProgressXacts", &XactAggregatorSm::inProgressXacts),
+                   Quor::attr("pendingXacts", &XactAggregatorSm::pendingXacts),
+                   Quor::attr("blockedXacts", &XactAggregatorSm::blockedXacts),
+                   Quor::attr("maxAllowedInProgressXacts", &XactAggregatorSm::maxAllowedInProgressXacts, &XactAggregatorSm::maxAllowedInProgressXactsIs),
+                   Quor::attr("pollingInterval", &XactAggregatorSm::pollingInterval, &XactAggregatorSm::pollingIntervalIs),
+                   Quor::attr("timeout", &XactAggregatorSm::timeout, &XactAggregatorSm::timeoutIs),
+                   Quor::attr("purgingPendingXact", &XactAggregatorSm::purgingPendingXact, &XactAggregatorSm::purgingPendingXactIs),
+                   Quor::attr("xactConfigDirs", &XactAggregatorSm::xactConfigDirs),
+                   Quor::attr("xactStatusDirs", &XactAggregatorSm::xactStatusDirs))
 
   // ---- reactions (run by the nested reactors) ----
   void handleStatusChange(U32 id);
@@ -410,6 +438,16 @@ class QUOR_API XactExecutorSm : public Quor::Entity {
   /// A null clock is clockDel(): every later change is executed at once.
   virtual void clockIs(Quor::Ptr<Quor::Clock const> const& clock);
   virtual void clockDel();
+
+  QUOR_ENTITY_TYPE(XactExecutorSm, "Vell::XactExecutorSm",
+                   Quor::attr("updatesSeen", &XactExecutorSm::updatesSeen),
+                   Quor::attr("updatesProcessed", &XactExecutorSm::updatesProcessed),
+                   Quor::attr("timeUsed", &XactExecutorSm::timeUsed),
+                   Quor::attr("dispatchCount", &XactExecutorSm::dispatchCount),
+                   Quor::attr("yieldBeforeFinishingCount", &XactExecutorSm::yieldBeforeFinishingCount),
+                   Quor::attr("backlogs", &XactExecutorSm::backlogs),
+                   Quor::attr("bookmark", &XactExecutorSm::bookmark),
+                   Quor::attr("backlogQuantum", &XactExecutorSm::backlogQuantum, &XactExecutorSm::backlogQuantumIs))
 
   // ---- reactions ----
   void handleXactConfig(U32 id);

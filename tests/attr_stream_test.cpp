@@ -1,0 +1,217 @@
+// Type records, attributes by name, and binary attribute logs.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include <Vell/AgentSocketHandler.h>
+#include <Vell/BestFitAllocator.h>
+#include <Vell/HTimerWheel.h>
+#include <Vell/InotifyMgr.h>
+#include <Vell/ValueTypes.h>
+#include <Vell/XactLib.h>
+
+#include "TestSupport.h"
+
+namespace {
+
+using Quor::NboAttrLog::In;
+using Quor::NboAttrLog::Out;
+
+// ---- random values, field by field ------------------------------------------------------------------
+
+struct Gen {
+  std::mt19937_64 rng;
+  template <class M>
+  void fill(M& m) {
+    if constexpr (std::is_same_v<M, bool>) {
+      m = rng() & 1;
+    } else if constexpr (std::is_integral_v<M>) {
+      m = static_cast<M>(rng() >> (rng() % 64));
+    } else if constexpr (std::is_floating_point_v<M>) {
+      m = rng() % 3 == 0 ? static_cast<M>(rng() % 1000) : static_cast<M>(std::ldexp(double(rng() % 1000000) - 5e5, int(rng() % 80) - 40));
+    } else if constexpr (std::is_base_of_v<Quor::String8, M>) {
+      static char const alphabet[] = "ab 'q\\\"\x01\xc3\xa9{},:";
+      std::string s(rng() % 12, ' ');
+      for (auto& c : s) c = alphabet[rng() % (sizeof alphabet - 1)];
+      m = M(s);
+    } else if constexpr (std::is_enum_v<M>) {
+      m = static_cast<M>(rng() % 5);  // enumerators and the numeric fallback
+    } else if constexpr (Quor::FieldValue<M>) {
+      std::apply([&](auto const&... f) { (fill(m.*(f.member)), ...); }, M::quorFields());
+    } else {
+      m = M(static_cast<decltype(m.value())>(rng() >> (rng() % 64)));
+    }
+  }
+  template <class T>
+  T make() {
+    T v{};
+    fill(v);
+    return v;
+  }
+};
+
+template <class T>
+void roundTrips(Gen& g, int n) {
+  SCOPED_TRACE(Quor::NboAttrLog::typeName<T>());
+  for (int i = 0; i < n; ++i) {
+    T const v = g.make<T>();
+    // text
+    Quor::String8 const text = Quor::valueToStrep(v);
+    T back{};
+    try {
+      back = Quor::strepToValue<T>(text);
+    } catch (Quor::Exception const& e) {
+      FAIL() << text << ": " << e.what();
+    }
+    ASSERT_EQ(back, v) << text;
+    // binary, and its printed form
+    Out out;
+    out.value(v);
+    In in(out.bytes());
+    ASSERT_EQ(in.value<T>(), v) << text;
+    ASSERT_TRUE(in.atEnd());
+    In again(out.bytes());
+    ASSERT_EQ(Quor::nboRecordText(again), text);
+    // every cut of the record is refused, and so is a longer string length
+    for (std::size_t cut = 0; cut < out.bytes().size(); ++cut) {
+      In part(std::string_view(out.bytes()).substr(0, cut));
+      ASSERT_THROW(part.value<T>(), Quor::RangeException) << "cut " << cut;
+    }
+  }
+}
+
+TEST(AttrStream, EveryValueTypeRoundTripsThroughTextAndBinary) {
+  unsigned const seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  Gen g{std::mt19937_64(seed)};
+  roundTrips<Vell::MaybeU63>(g, 100);
+  roundTrips<Vell::Seqno16>(g, 100);
+  roundTrips<Vell::Seqno32>(g, 100);
+  roundTrips<Vell::Event>(g, 100);
+  roundTrips<Vell::Count>(g, 100);
+  roundTrips<Vell::EventOrCount>(g, 100);
+  roundTrips<Vell::ConditionOrChanged>(g, 100);
+  roundTrips<Vell::ConditionStat>(g, 100);
+  roundTrips<Vell::EventStat>(g, 100);
+  roundTrips<Vell::CountStat>(g, 100);
+  roundTrips<Vell::EventOrCountStat>(g, 100);
+  roundTrips<Vell::ConditionOrCountStat>(g, 100);
+  roundTrips<Vell::ConditionOrChangedStat>(g, 100);
+  roundTrips<Vell::XactConfig>(g, 100);
+  roundTrips<Vell::XactStatus>(g, 100);
+  roundTrips<Vell::ExecResult>(g, 100);
+  roundTrips<Vell::BFA::JumboFreeBlk>(g, 100);
+  roundTrips<Vell::InotifyEvent>(g, 100);
+  // A set UniqueId (an unset one is completed when parsed from text).
+  for (int i = 0; i < 200; ++i) {
+    Vell::UniqueId const id(static_cast<Vell::U32>(g.rng()), static_cast<Vell::U16>(g.rng() % 0xffff), 7);
+    Out out;
+    out.value(id);
+    In in(out.bytes());
+    ASSERT_EQ(in.value<Vell::UniqueId>(), id);
+    ASSERT_EQ(Quor::strepToValue<Vell::UniqueId>(Quor::valueToStrep(id)), id);
+  }
+}
+
+TEST(AttrStream, EveryValueTypeOfTheLibraryHasARecord) {
+  for (char const* name : {"Vell::MaybeU63", "Vell::Seqno16", "Vell::Seqno32", "Vell::UniqueId", "Vell::Event",
+                           "Vell::ConditionOrChangedStat", "Vell::XactConfig", "Vell::XactStatus", "Vell::BucketSize",
+                           "Vell::InotifyEvent", "Vell::XactConfigDir",
+                           "Vell::AgentSocketHandlerSm", "Vell::TimerWheel"}) {
+    Quor::TypeRecord const* t = Quor::typeRecord(name);
+    ASSERT_NE(t, nullptr) << name;
+    EXPECT_EQ(t->name, name);
+  }
+  auto const* status = Quor::typeRecord("Vell::XactStatus");
+  std::vector<std::string> fields;
+  for (auto const& a : status->attrs) fields.push_back(a.name + ":" + a.typeName);
+  EXPECT_EQ(fields, (std::vector<std::string>{"id:U32", "result:XactResult", "comment:String8", "statusVersion:U32"}));
+  auto const* dir = Quor::typeRecord("Vell::XactStatusDir");
+  ASSERT_EQ(dir->attrs.size(), 1u);
+  EXPECT_EQ(dir->attrs[0].keyTypeName, "U32");
+  EXPECT_TRUE(dir->attrs[0].flags.has(Quor::QuorAttrIntrospectionFlags::streamable |
+                                      Quor::QuorAttrIntrospectionFlags::collection));
+
+  Quor::QuorAttrIntrospectionFlags f;
+  f.valueIs(0x3f);
+  EXPECT_EQ(VellTest::rangeText([&] { f.valueIs(0x40); }), "QuorAttrIntrospectionFlags::value > 0x3f not allowed");
+  EXPECT_EQ(f.value(), 0x3fu);
+}
+
+// Random damage to valid records: each is read whole or refused with a RangeException.
+TEST(AttrStream, DamagedRecordsAreRefusedNeverMisread) {
+  unsigned const seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937_64 rng(seed);
+  Gen g{std::mt19937_64(seed + 1)};
+  auto dir = Vell::xactStatusDirFactory("exec-a");
+  for (int i = 0; i < 20; ++i) dir->xactStatusIs(Vell::XactStatus(Vell::U32(i + 1), Vell::xactFailure, "no", 3));
+  Out records;
+  Quor::entityTypeRecord<Vell::XactStatusDir>().attrs[0].writeAll(*dir, dir->name(), records);
+  records.value(g.make<Vell::XactStatus>());
+  records.value(Vell::MaybeU63(42));
+  std::string const good = records.bytes();
+  int refused = 0;
+  for (int i = 0; i < 3000; ++i) {
+    std::string bad = good;
+    for (int k = 1 + int(rng() % 3); k > 0; --k) bad[rng() % bad.size()] = static_cast<char>(rng());
+    if (rng() % 4 == 0) bad.resize(rng() % bad.size());
+    In in(bad);
+    try {
+      while (!in.atEnd()) (void)Quor::nboRecordText(in);
+    } catch (Quor::RangeException const& e) {
+      ++refused;
+      EXPECT_EQ(e.id(), Quor::nboParseErrorId);
+    }
+  }
+  EXPECT_GT(refused, 100);
+  // The texts name what went wrong.
+  In unknown(std::string("V\0\0\0\x03" "Foo", 8));
+  EXPECT_EQ(VellTest::rangeText([&] { Quor::nboRecordText(unknown); }),
+            "NboAttrLog: unknown value type 'Foo' at offset 8");
+  In huge(std::string("V\xff\xff\xff\xff", 5));
+  EXPECT_EQ(VellTest::rangeText([&] { Quor::nboRecordText(huge); }),
+            "NboAttrLog: string length 4294967295 with 0 bytes left at offset 5");
+}
+
+// ---- attributes by name ------------------------------------------------------------------------------
+
+struct CountingReactor : Vell::AgentSocketHandlerSm::NotifieeConst {
+  int sendTimeouts = 0;
+  void onSendTimeout() override { ++sendTimeouts; }
+};
+
+TEST(AttrStream, GenericReadsAndWritesGoThroughTheMutators) {
+  auto h = Vell::agentSocketHandlerSmFactory("vell-generic-" + std::to_string(getpid()));
+  h->agentSocketCallbackIs(Vell::agentSocketCallbackFactory("cb", "show"));
+  Quor::Ptr<CountingReactor> r = new CountingReactor;
+  r->notifierIs(h);
+  Quor::GenericIf g(Quor::Ptr<Quor::PtrInterface>(h.ptr()));
+  EXPECT_EQ(g.attrNames(), (std::vector<std::string>{"requestTimeout", "maxClients", "sendTimeout", "peerPolicy",
+                                                     "acceptPaused", "clients", "agentSocketCallback"}));
+  EXPECT_EQ(g.attr("sendTimeout"), "2");
+  EXPECT_EQ(g.attr("agentSocketCallback"), "'show' 'cb'\n");
+
+  g.attrIs("sendTimeout", "0.25");
+  EXPECT_EQ(h->sendTimeout(), 0.25);
+  g.attrIs("sendTimeout", "0.25");  // unchanged: nobody is told
+  EXPECT_EQ(r->sendTimeouts, 1);
+  EXPECT_EQ(VellTest::rangeText([&] { g.attrIs("sendTimeout", "7200"); }),
+            "AgentSocketHandlerSm::sendTimeout < 0.001 or > 3600 not allowed");
+  EXPECT_NE(VellTest::rangeText([&] { g.attrIs("maxClients", "many"); }), "no exception");
+  EXPECT_EQ(h->maxClients(), 64u);
+  EXPECT_EQ(VellTest::rangeText([&] { g.attrIs("clients", "3"); }), "Vell::AgentSocketHandlerSm::clients is read-only");
+  EXPECT_EQ(VellTest::rangeText([&] { g.attrIs("nope", "3"); }),
+            "Vell::AgentSocketHandlerSm has no attribute 'nope'");
+  g.attrIs("peerPolicy", "peerOwnUser");
+  EXPECT_EQ(h->peerPolicy(), Vell::peerOwnUser);
+  EXPECT_EQ(h->sendTimeout(), 0.25);
+  EXPECT_EQ(r->sendTimeouts, 1);
+
+  Quor::GenericIf readOnly(Quor::Ptr<Quor::PtrInterface const>(h.ptr()));
+  EXPECT_EQ(VellTest::rangeText([&] { readOnly.attrIs("sendTimeout", "1"); }), "attempting to modify a const instance");
+  EXPECT_EQ(readOnly.attr("maxClients"), "64");
+  r->notifierIs(nullptr);
+}
+
+}  // namespace
