@@ -172,7 +172,7 @@ void MirrorSourceSm::send(QuorPeer& p, std::string_view frame) {
     p.out.append(frame);
   }
   flush(p);
-  if (p.notifier() && p.queued() > maxBacklogBytes_) dropPeer(&p, "too far behind");
+  if (p.notifier() && p.queued() > maxBacklogBytes_) dropPeer(&p, "too far behind");  // it resyncs on return
 }
 
 // Writes what the socket takes now; the rest waits for writability.
@@ -235,7 +235,7 @@ void MirrorSourceSm::handlePeerWritable(QuorPeer* p) { flush(*p); }
 
 void MirrorSourceSm::dropPeer(QuorPeer* p, char const* why) {
   QUOR_TRACE(traceHandle, 1, name() << " sink dropped: " << why);
-  if (std::strcmp(why, "closed") != 0)
+  if (p->queued() > maxBacklogBytes_)  // a sink that went away on its own is no news
     mirrorSinkDropped.log(name().charPtr(), static_cast<unsigned>(p->queued()), why);
   Quor::Ptr<QuorPeer> const keep(p);
   p->ownerIs(nullptr);
@@ -300,7 +300,7 @@ Quor::Ptr<Quor::Entity> MirrorSinkSm::mirrorIs(Quor::Name const& n, Quor::TypeRe
   if (!type.make) Quor::throwRangeException(Quor::String8(type.name + " cannot be made from a name"));
   Quor::Ptr<Quor::Entity> e(static_cast<Quor::Entity*>(type.make(n).ptr()));
   mirrors_.emplace(n, e);
-  if (connected_) {  // fetch a copy that includes it
+  if (conn_ && copied_) {  // fetch a copy that includes it (one still to come will)
     lost("a mirror was added");
     doConnect();
   }
@@ -344,6 +344,7 @@ void MirrorSinkSm::doConnect() {
   conn_->notifierIs(fdEntity);
   in_.clear();
   inCopy_ = false;
+  copied_ = false;
   copy_.clear();
   QUOR_TRACE(traceHandle, 1, name() << " connected");
   connectedIs(true);
@@ -467,6 +468,7 @@ void MirrorSinkSm::applyCopy() {
     }
   }
   for (auto const& c : copy) apply(c);
+  copied_ = true;
   ++syncs_;
   notifiees_.notify(&NotifieeConst::onSyncs);
 }

@@ -170,6 +170,7 @@ class QUOR_API MirrorSinkSm : public Quor::Entity {
   std::map<Quor::Name, Quor::Ptr<Quor::Entity>> mirrors_;
   std::string in_;
   bool inCopy_ = false;
+  bool copied_ = false;  // a copy was applied on this connection
   std::vector<Quor::AttrChange> copy_;
   bool connected_ = false;
   bool unreachableReported_ = false;
