@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include <Vell/AgentIntrospection.h>
 #include <Vell/AgentSocketHandler.h>
 #include <Vell/BestFitAllocator.h>
 #include <Vell/HTimerWheel.h>
@@ -212,6 +213,32 @@ TEST(AttrStream, GenericReadsAndWritesGoThroughTheMutators) {
   EXPECT_EQ(VellTest::rangeText([&] { readOnly.attrIs("sendTimeout", "1"); }), "attempting to modify a const instance");
   EXPECT_EQ(readOnly.attr("maxClients"), "64");
   r->notifierIs(nullptr);
+}
+
+TEST(AttrStream, IntrospectionShowsAndSetsByName) {
+  auto h = Vell::agentSocketHandlerSmFactory("vell-intro-" + std::to_string(getpid()));
+  auto intro = Vell::agentIntrospectionFactory(h);
+  EXPECT_TRUE(h->agentSocketCallback("show") && h->agentSocketCallback("set"));
+  auto statuses = Vell::xactStatusDirFactory("exec-a");
+  statuses->xactStatusIs(Vell::XactStatus(4, Vell::xactFailure, "disk full", 2));
+  intro->entityIs("socket", h);
+  intro->entityIs("status", Quor::Ptr<Quor::PtrInterface const>(statuses.ptr()));
+  EXPECT_EQ(intro->show(""), "socket\nstatus\n");
+  EXPECT_EQ(intro->show("status"),
+            "xactStatus[4] Value('Vell::XactStatus', ** {'id': 4, 'result': xactFailure, 'comment': 'disk full', "
+            "'statusVersion': 2})\n");
+  EXPECT_EQ(intro->show("socket maxClients"), "64\n");
+  EXPECT_EQ(intro->show("socket agentSocketCallback"), "'set' 'introspection set'\n'show' 'introspection show'\n");
+  EXPECT_EQ(intro->set("socket maxClients 8\n"), "ok\n");
+  EXPECT_EQ(h->maxClients(), 8u);
+  EXPECT_EQ(intro->set("socket maxClients 0"), "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed\n");
+  EXPECT_EQ(intro->set("status xactStatus 1"), "attempting to modify a const instance\n");
+  EXPECT_EQ(intro->show("nobody"), "no entity 'nobody'\n");
+  EXPECT_EQ(intro->set("socket maxClients"), "usage: set NAME ATTR VALUE\n");
+  EXPECT_EQ(VellTest::rangeText([&] { intro->entityIs("two words", h); }),
+            "introspection name 'two words' must be one word");
+  intro->entityDel("socket");
+  h->agentSocketCallbackDelAll();  // the callbacks hold the introspection
 }
 
 }  // namespace
