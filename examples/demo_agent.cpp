@@ -4,11 +4,13 @@
 //   demo_agent [NAME]        listens as NAME (default "vell-demo") until `quit`,
 //                            SIGINT or SIGTERM
 //
-// Commands: `help` (the command words, one a line), `show` (the blocks that can be
-// shown), `show BLOCK` (its live figures), `quit` (replies, then ends the agent).
+// Commands: `help` (the command words, one a line), `show` (the entities that can be
+// shown), `show NAME [ATTR]` (their attributes, live), `set NAME ATTR VALUE`, `xact ...`
+// (transactions), `watch` (the watched directory), `quit` (replies, then ends the agent).
 //
-// A block joins the demo with one line in main(): demo.showIs("name", figures), where
-// figures() renders its live attributes. Nothing else needs to change.
+// An entity joins `show` with one line in main(): intro->entityIs("name", entity). The
+// demo's own figures are attributes of its DemoFigures entity. One executor, exec-d,
+// runs in a process of its own (examples/executor_agent), connected through mirrors.
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -24,7 +26,9 @@
 #include <string>
 
 #include <Quor/Quor.h>
+#include <Vell/AgentIntrospection.h>
 #include <Vell/AgentSocketHandler.h>
+#include <Vell/AttrMirror.h>
 #include <Vell/BestFitAllocator.h>
 #include <Vell/EventClock.h>
 #include <Vell/HBitmap.h>
@@ -39,7 +43,6 @@
 namespace {
 
 using Reply = std::function<std::string(std::string const& args)>;
-using Figures = std::function<std::string()>;
 
 // A command word served by a function that turns the argument text into the reply.
 class DemoCommand : public Vell::AgentSocketCallback {
@@ -215,8 +218,19 @@ struct Transactions {
   };
   std::vector<Quor::Ptr<OnDecided>> watchers;
 
-  explicit Transactions(Quor::Ptr<Quor::Clock> const& clock) {
+  // exec-d runs in another process: its config directory is served to it, its status
+  // directory mirrored from it.
+  Quor::Ptr<Vell::MirrorSourceSm> configSource;
+  Quor::Ptr<Vell::MirrorSinkSm> statusSink;
+
+  Transactions(std::string const& agent, Quor::Ptr<Quor::Clock> const& clock) {
     agg = Vell::xactAggregatorSmFactory("demo coordinator", clock);
+    configSource = Vell::mirrorSourceSmFactory(agent + "-config");
+    auto remoteConfigs = Vell::xactConfigDirFactory("exec-d");
+    configSource->entityIs(remoteConfigs);
+    agg->xactConfigDirIs(remoteConfigs);
+    statusSink = Vell::mirrorSinkSmFactory(agent + "-exec-d", clock);
+    agg->xactStatusDirIs(statusSink->mirror<Vell::XactStatusDir>("exec-d"));
     agg->timeoutIs(3.0);  // short, so that the demo shows a timeout
     agg->pollingIntervalIs(0.5);
     for (char const* name : {"exec-a", "exec-b", "exec-c"}) {
@@ -232,11 +246,12 @@ struct Transactions {
     for (auto& e : executors) e->xactConfigDirDel();
   }
 
-  // "start ID [after ID...]", "stop ID", "mode EXECUTOR MODE..."
+  // "start ID [after ID...]", "stop ID", "mode EXECUTOR MODE...", "list"
   std::string command(std::string const& args) {
     std::istringstream in(args);
     std::string verb;
     in >> verb;
+    if (verb == "list") return show();
     if (verb == "start" || verb == "stop") {
       unsigned long id = 0;
       if (!(in >> id) || id == 0 || id > 0xffffffffUL) return "usage: xact " + verb + " ID (1 to 4294967295)\n";
@@ -268,7 +283,8 @@ struct Transactions {
       }
       return "no executor '" + exec + "' (exec-a, exec-b, exec-c)\n";
     }
-    return "usage: xact start ID [after ID...] | xact stop ID | xact mode EXECUTOR ok|fail TEXT|silent|slow SECONDS\n";
+    return "usage: xact list | xact start ID [after ID...] | xact stop ID | xact mode EXECUTOR ok|fail TEXT|silent|slow "
+           "SECONDS\n";
   }
 
   Quor::Ptr<Vell::Xact> xact(Vell::U32 id) {
@@ -370,7 +386,6 @@ class DemoAgent {
   DemoAgent(Quor::String8 const& name, Quor::Ptr<Quor::ActivitySm> loop)
       : loop_(std::move(loop)), socket_(Vell::agentSocketHandlerSmFactory(name)) {
     commandIs("help", [this](std::string const&) { return helpText(); });
-    commandIs("show", [this](std::string const& args) { return show(args); });
     commandIs("quit", [this](std::string const&) {
       loop_->stop();  // the loop ends once this command's connection is closed
       return std::string("bye\n");
@@ -381,9 +396,6 @@ class DemoAgent {
   void commandIs(Quor::String8 const& word, Reply reply) {
     socket_->agentSocketCallbackIs(new DemoCommand(word, std::move(reply), &served_));
   }
-  /// Adds (or replaces) the figures `show <block>` prints.
-  void showIs(std::string const& block, Figures figures) { blocks_[block] = std::move(figures); }
-
   Quor::Ptr<Vell::AgentSocketHandlerSm> const& socket() const { return socket_; }
   unsigned served() const { return served_; }
   Quor::Seconds uptime() const { return Quor::now() - started_; }
@@ -396,36 +408,56 @@ class DemoAgent {
     return text;
   }
 
-  std::string show(std::string const& block) const {
-    auto it = blocks_.find(block);
-    if (it != blocks_.end()) return it->second();
-    std::string text = block.empty() ? "blocks:" : "no block '" + block + "'; blocks:";
-    for (auto const& [name, figures] : blocks_) text += " " + name;
-    return text + "\n";
-  }
-
   Quor::Ptr<Quor::ActivitySm> loop_;
   Quor::Ptr<Vell::AgentSocketHandlerSm> socket_;
-  std::map<std::string, Figures> blocks_;
   unsigned served_ = 0;
   Quor::Seconds started_ = Quor::now();
 };
 
-std::string figureLines(std::initializer_list<std::pair<char const*, std::string>> lines) {
-  std::string text;
-  for (auto const& [name, value] : lines) {
-    char line[160];
-    std::snprintf(line, sizeof line, "%-24s %s\n", name, value.c_str());
-    text += line;
-  }
-  return text;
-}
+// The demo's own figures, as attributes of an entity: `show demo` prints them.
+class DemoFigures : public Quor::Entity {
+  using U64 = Vell::U64;
 
-std::string number(double v, char const* fmt = "%.0f") {
-  char buf[64];
-  std::snprintf(buf, sizeof buf, fmt, v);
-  return buf;
-}
+ public:
+  DemoFigures(DemoAgent const& demo, Quor::Ptr<Quor::ActivitySm> loop, Heartbeat const& beat, Blocks const& blocks)
+      : Quor::Entity("demo"), demo_(demo), loop_(std::move(loop)), beat_(beat), blocks_(blocks) {}
+  unsigned commandsServed() const { return demo_.served(); }
+  Quor::Seconds uptimeSeconds() const { return demo_.uptime(); }
+  U64 clockTicks() const { return beat_.beats(); }
+  U64 armedClockReactors() const { return loop_->armedClockReactors(); }
+  U64 descriptors() const { return loop_->descriptors(); }
+  U64 liveBlocks() const { return blocks_.blocks.size(); }
+  U64 allocFailures() const { return blocks_.allocFailures; }
+  U64 defragmentMoves() const { return blocks_.defragMoves; }
+  U64 timersFired() const { return blocks_.timersFired; }
+  U64 reviews() const { return blocks_.reviewer->reviews; }
+  U64 reviewCredits() const { return blocks_.review->credits(); }
+  U64 backlogUpdatesProcessed() const { return blocks_.backlog->updatesProcessed(); }
+  U64 backlogUpdatesCoalesced() const { return blocks_.backlog->updatesCoalesced(); }
+  Vell::ConditionStat bitmapMostlySet() const { return blocks_.bitmapMostlySet; }
+  Vell::UniqueId agentId() const { return blocks_.agentId; }
+  Vell::Seqno16 lastBeat() const { return blocks_.lastBeat; }
+  QUOR_ENTITY_TYPE(DemoFigures, "VellDemo::DemoFigures", Quor::attr("commandsServed", &DemoFigures::commandsServed),
+                   Quor::attr("uptimeSeconds", &DemoFigures::uptimeSeconds),
+                   Quor::attr("clockTicks", &DemoFigures::clockTicks),
+                   Quor::attr("armedClockReactors", &DemoFigures::armedClockReactors),
+                   Quor::attr("descriptors", &DemoFigures::descriptors),
+                   Quor::attr("liveBlocks", &DemoFigures::liveBlocks),
+                   Quor::attr("allocFailures", &DemoFigures::allocFailures),
+                   Quor::attr("defragmentMoves", &DemoFigures::defragmentMoves),
+                   Quor::attr("timersFired", &DemoFigures::timersFired), Quor::attr("reviews", &DemoFigures::reviews),
+                   Quor::attr("reviewCredits", &DemoFigures::reviewCredits),
+                   Quor::attr("backlogUpdatesProcessed", &DemoFigures::backlogUpdatesProcessed),
+                   Quor::attr("backlogUpdatesCoalesced", &DemoFigures::backlogUpdatesCoalesced),
+                   Quor::attr("bitmapMostlySet", &DemoFigures::bitmapMostlySet),
+                   Quor::attr("agentId", &DemoFigures::agentId), Quor::attr("lastBeat", &DemoFigures::lastBeat))
+
+ private:
+  DemoAgent const& demo_;
+  Quor::Ptr<Quor::ActivitySm> loop_;
+  Heartbeat const& beat_;
+  Blocks const& blocks_;
+};
 
 }  // namespace
 
@@ -472,103 +504,28 @@ int main(int argc, char** argv) {
   Blocks blocks(activity, Quor::clockFactory("demo blocks", activity));
   heartbeat->onBeat = [&](unsigned long n) { blocks.beat(n); };
 
-  // One line per block that runs here.
-  demo.showIs("loop", [&] {
-    return figureLines({
-        {"armedClockReactors", number(static_cast<double>(loop->armedClockReactors()))},
-        {"descriptors", number(static_cast<double>(loop->descriptors()))},
-        {"uptimeSeconds", number(demo.uptime(), "%.3f")},
-        {"clockTicks", number(static_cast<double>(heartbeat->beats()))},
-        {"commandsServed", number(demo.served())},
-    });
-  });
-  demo.showIs("socket", [&] {
-    auto const& s = demo.socket();
-    return figureLines({
-        {"name", s->name().str()},
-        {"initialized", s->initialized() ? "1" : "0"},
-        {"listeningDescriptor", number(s->agentsockFd() ? s->agentsockFd()->descriptor() : -1)},
-        {"acceptReadyCount", number(s->agentsockFd() ? static_cast<double>(s->agentsockFd()->readableCount()) : 0)},
-        {"agentSocketCallbacks", number(s->agentSocketCallbacks())},
-        {"openClients", number(s->clients())},
-    });
-  });
-
-  demo.showIs("bitmap", [&] {
-    auto const& b = blocks.bitmap;
-    return figureLines({
-        {"size", number(b->size())},
-        {"height", number(b->height())},
-        {"numBitsInSetState", number(b->numBitsInSetState())},
-        {"lowestSetBit", number(b->findBitInSetState(Vell::HBitmap::preferLo))},
-        {"highestSetBit", number(b->findBitInSetState(Vell::HBitmap::preferHi))},
-        {"lowestClearBit", number(b->findBitInClearState(Vell::HBitmap::preferLo))},
-        {"mostlySet", Vell::valueToStrep(blocks.bitmapMostlySet).str()},
-    });
-  });
-  demo.showIs("allocator", [&] {
-    auto const& a = blocks.allocator;
-    return figureLines({
-        {"memSz", number(a->memSz())},
-        {"maxBlkSz", number(a->maxBlkSz())},
-        {"numFreeEntries", number(a->numFreeEntries())},
-        {"liveBlocks", number(static_cast<double>(blocks.blocks.size()))},
-        {"allocFailures", number(static_cast<double>(blocks.allocFailures))},
-        {"defragmentMoves", number(static_cast<double>(blocks.defragMoves))},
-        {"firstBlock", Vell::valueToStrep(blocks.blocks.empty() ? Quor::Ptr<Vell::BFA::Blk>() : blocks.blocks.front()).str()},
-    });
-  });
-  demo.showIs("wheel", [&] {
-    auto const& w = blocks.wheel;
-    return figureLines({
-        {"tickMsecs", number(w->tickMsecs())},
-        {"bucketCount", number(w->bucketCount())},
-        {"maxTicks", number(w->maxTicks())},
-        {"timers", number(w->timers())},
-        {"currentWheelIndex(0)", number(w->currentWheelIndex(0))},
-        {"scheduledWheelIndex", number(w->scheduledWheelIndex())},
-        {"timersFired", number(static_cast<double>(blocks.timersFired))},
-    });
-  });
-  demo.showIs("clocks", [&] {
-    auto const& e = blocks.eventClock;
-    auto const& r = blocks.review;
-    return figureLines({
-        {"eventCheck", number(e->eventCheck())},
-        {"timerExpiration", number(e->timerExpiration())},
-        {"secondsToDeadline", number(e->deadline() - Quor::now(), "%.1f")},
-        {"reviewCredits", number(r->credits())},
-        {"reviewDelay", number(r->delay(), "%.2f")},
-        {"reviews", number(static_cast<double>(blocks.reviewer->reviews))},
-    });
-  });
-  demo.showIs("backlog", [&] {
-    auto const& b = blocks.backlog;
-    return figureLines({
-        {"backlogQuantum", number(b->backlogQuantum(), "%.3f")},
-        {"updatesSeen", number(static_cast<double>(b->updatesSeen()))},
-        {"updatesProcessed", number(static_cast<double>(b->updatesProcessed()))},
-        {"updatesCoalesced", number(static_cast<double>(b->updatesCoalesced()))},
-        {"dispatchCount", number(static_cast<double>(b->dispatchCount()))},
-        {"yieldBeforeFinishing", number(static_cast<double>(b->yieldBeforeFinishingCount()))},
-    });
-  });
-  Transactions xacts(Quor::clockFactory("demo xacts", activity));
+  // One line per entity that `show` serves.
+  auto intro = Vell::agentIntrospectionFactory(demo.socket());
+  auto figures = Quor::makeEntity<DemoFigures>(demo, loop, *heartbeat, blocks);
+  intro->entityIs("demo", figures);
+  intro->entityIs("socket", demo.socket());
+  intro->entityIs("bitmap", blocks.bitmap);
+  intro->entityIs("allocator", blocks.allocator);
+  intro->entityIs("wheel", blocks.wheel);
+  intro->entityIs("eventClock", blocks.eventClock);
+  Transactions xacts(name, Quor::clockFactory("demo xacts", activity));
   demo.commandIs("xact", [&](std::string const& args) { return xacts.command(args); });
-  demo.showIs("xacts", [&] { return xacts.show(); });
+  intro->entityIs("coordinator", xacts.agg);
+  intro->entityIs("execStatusMirror", xacts.statusSink);
+  intro->entityIs("execConfigSource", xacts.configSource);
   Watching watching;
-  demo.showIs("watches", [&] { return watching.show(); });
-  demo.showIs("ids", [&] {
-    return figureLines({
-        {"agentId", Vell::valueToStrep(blocks.agentId).str()},
-        {"lastBeat", Vell::valueToStrep(blocks.lastBeat).str()},
-    });
-  });
+  demo.commandIs("watch", [&](std::string const&) { return watching.show(); });
 
   std::printf("demo agent: listening as '%s' (abstract socket @s%s), pid %d\n", name.c_str(), name.c_str(),
               static_cast<int>(::getpid()));
   std::fflush(stdout);
   loop->run();
   std::printf("demo agent: stopped after %u commands\n", demo.served());
+  demo.socket()->agentSocketCallbackDelAll();  // the introspection's callbacks hold it
   return 0;
 }

@@ -7,10 +7,12 @@ set -u
 BUILD=${1:-build}
 AGENT=vell-demo
 DEMO="$BUILD/examples/demo_agent"
+EXECUTOR="$BUILD/examples/executor_agent"
 VELLCTL="$BUILD/tools/vellctl"
 LOG=$(mktemp "${TMPDIR:-/tmp}/vell-demo.XXXXXX")
 failures=0
 agent_pid=
+exec_pid=
 
 fail() {
   echo "FAILED: $*"
@@ -18,6 +20,7 @@ fail() {
 }
 
 cleanup() {
+  [ -n "$exec_pid" ] && kill "$exec_pid" 2>/dev/null
   if [ -n "$agent_pid" ] && kill -0 "$agent_pid" 2>/dev/null; then
     kill "$agent_pid" 2>/dev/null
     sleep 0.2
@@ -38,7 +41,7 @@ step() {
   [ "$got" -eq "$want" ] || fail "'$*' exited $got, expected $want"
 }
 
-for f in "$DEMO" "$VELLCTL"; do
+for f in "$DEMO" "$EXECUTOR" "$VELLCTL"; do
   [ -x "$f" ] || { echo "error: $f is not built (run make first)" >&2; exit 1; }
 done
 
@@ -72,6 +75,23 @@ while ! "$VELLCTL" --list | grep -q "^$AGENT "; do
 done
 cat "$LOG"
 
+# exec-d, the coordinator's fourth executor, runs in a process of its own and answers
+# each configuration 0.2 s after it comes.
+start_executor() {
+  "$EXECUTOR" "$AGENT" exec-d 0.2 >>"$LOG" 2>&1 &
+  exec_pid=$!
+  i=0
+  until "$VELLCTL" "$AGENT" show execStatusMirror connected | grep -q '^1$'; do
+    i=$((i + 1))
+    [ "$i" -le 50 ] || { fail "the executor process did not connect within 5 s"; return; }
+    sleep 0.1
+  done
+  echo "executor_agent exec-d started (pid $exec_pid) and connected"
+}
+echo
+echo "== starting exec-d, an executor in another process"
+start_executor
+
 echo
 echo "== the agents listening on this host"
 step 0 "$VELLCTL" --list
@@ -81,32 +101,41 @@ echo "== commands through vellctl"
 step 0 "$VELLCTL" "$AGENT" help
 step 0 "$VELLCTL" "$AGENT" show
 sleep 1  # let the blocks' workload run for a second, so the figures have moved
-for block in loop socket bitmap allocator wheel clocks backlog ids; do
-  step 0 "$VELLCTL" "$AGENT" show "$block"
+for entity in demo socket bitmap allocator wheel eventClock coordinator; do
+  step 0 "$VELLCTL" "$AGENT" show "$entity"
 done
+echo
+echo "-- attributes by name: one attribute, and writes through the mutator (bounds checked)"
+step 0 "$VELLCTL" "$AGENT" show wheel processTimeLimit
+step 0 "$VELLCTL" "$AGENT" set wheel processTimeLimit 0.02
+[ "$("$VELLCTL" "$AGENT" show wheel processTimeLimit)" = "0.02" ] || fail "set did not change processTimeLimit"
+echo
+echo "\$ $VELLCTL $AGENT set wheel processTimeLimit 9"
+out=$("$VELLCTL" "$AGENT" set wheel processTimeLimit 9); echo "$out"
+[ "$out" = "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed" ] || fail "no bounds text from set"
 echo
 echo "\$ $VELLCTL $AGENT frobnicate | od -c    (an unknown word: the 17-byte answer)"
 "$VELLCTL" "$AGENT" frobnicate | od -c
 [ "$("$VELLCTL" "$AGENT" frobnicate | wc -c)" -eq 17 ] || fail "the unknown-command reply is not 17 bytes"
 
 echo
-echo "== transactions: a coordinator and three executors (exec-a, exec-b, exec-c)"
+echo "== transactions: a coordinator and four executors (exec-a, exec-b, exec-c here; exec-d in its own process)"
 # Shows the transactions and checks that the listing holds a text.
 show_xacts() {
   echo
-  echo "\$ $VELLCTL $AGENT show xacts"
-  out=$("$VELLCTL" "$AGENT" show xacts) || fail "show xacts failed"
+  echo "\$ $VELLCTL $AGENT xact list"
+  out=$("$VELLCTL" "$AGENT" xact list) || fail "xact list failed"
   printf '%s\n' "$out"
-  printf '%s\n' "$out" | grep -q -- "$1" || fail "show xacts lacks: $1"
+  printf '%s\n' "$out" | grep -q -- "$1" || fail "xact list lacks: $1"
 }
 step 0 "$VELLCTL" "$AGENT" xact start 1
-sleep 0.3
+sleep 0.6
 show_xacts "^1   xactSuccess"
 echo
 echo "-- exec-c is told to fail: its comment is filed under its directory name"
 step 0 "$VELLCTL" "$AGENT" xact mode exec-c fail disk full
 step 0 "$VELLCTL" "$AGENT" xact start 2
-sleep 0.3
+sleep 0.6
 show_xacts "exec-c='disk full'"
 echo
 echo "-- exec-c stays silent: the coordinator times the transaction out (timeout 3 s)"
@@ -125,21 +154,40 @@ sleep 2
 show_xacts "10:xactSuccess 11:xactSuccess 12:xactSuccess"
 
 echo
+echo "== across processes: exec-d is killed in the middle of a transaction, then restarted"
+step 0 "$VELLCTL" "$AGENT" xact mode exec-c ok
+step 0 "$VELLCTL" "$AGENT" xact start 20
+sleep 0.6
+show_xacts "^20  *xactSuccess"
+step 0 "$VELLCTL" "$AGENT" xact start 21
+echo "\$ kill -9 $exec_pid    (exec-d, before it answers 21)"
+kill -9 "$exec_pid"
+wait "$exec_pid" 2>/dev/null
+exec_pid=
+sleep 4
+show_xacts "exec-d='Timeout'"
+step 0 "$VELLCTL" "$AGENT" show execStatusMirror
+start_executor
+step 0 "$VELLCTL" "$AGENT" xact start 22
+sleep 0.8
+show_xacts "^22  *xactSuccess"
+
+echo
 echo "== watching: two descriptors (watch-1, watch-2) share one kernel watch on the demo's directory"
-wdir=$("$VELLCTL" "$AGENT" show watches | awk '/^path /{print $2}')
+wdir=$("$VELLCTL" "$AGENT" watch | awk '/^path /{print $2}')
 [ -n "$wdir" ] && [ -d "$wdir" ] || fail "the demo's watched directory is missing"
-step 0 "$VELLCTL" "$AGENT" show watches
+step 0 "$VELLCTL" "$AGENT" watch
 echo
 echo "\$ echo hello > $wdir/a; echo world > $wdir/b; rm $wdir/a"
 echo hello >"$wdir/a"; echo world >"$wdir/b"; rm "$wdir/a"
 sleep 0.3
-out=$("$VELLCTL" "$AGENT" show watches); printf '%s\n' "$out"
+out=$("$VELLCTL" "$AGENT" watch); printf '%s\n' "$out"
 printf '%s\n' "$out" | grep -q "watch-2 .*watchCount 3 .*deleted: a" || fail "the counts did not move"
 echo
 echo "\$ rm -r $wdir    (the watched directory itself)"
 rm -r "$wdir"
 sleep 0.3
-out=$("$VELLCTL" "$AGENT" show watches); printf '%s\n' "$out"
+out=$("$VELLCTL" "$AGENT" watch); printf '%s\n' "$out"
 printf '%s\n' "$out" | grep -q "watch-1 .*watcher - .*deleted inode" || fail "no 'deleted inode' delivery"
 
 echo
@@ -154,8 +202,8 @@ got=$?
 if command -v socat >/dev/null 2>&1; then
   echo
   echo "== any client works: socat"
-  echo "\$ printf 'show loop' | socat -t 5 -T 5 - ABSTRACT-CONNECT:s$AGENT"
-  out=$(printf 'show loop' | socat -t 5 -T 5 - "ABSTRACT-CONNECT:s$AGENT") || fail "socat failed"
+  echo "\$ printf 'show demo' | socat -t 5 -T 5 - ABSTRACT-CONNECT:s$AGENT"
+  out=$(printf 'show demo' | socat -t 5 -T 5 - "ABSTRACT-CONNECT:s$AGENT") || fail "socat failed"
   printf '%s\n' "$out"
   printf '%s\n' "$out" | grep -q commandsServed || fail "socat got no figures"
 else
@@ -164,7 +212,9 @@ else
 fi
 
 echo
-echo "== stopping the agent"
+echo "== stopping the agent and exec-d"
+kill "$exec_pid" 2>/dev/null && wait "$exec_pid" 2>/dev/null
+exec_pid=
 step 0 "$VELLCTL" "$AGENT" quit
 i=0
 while kill -0 "$agent_pid" 2>/dev/null; do
