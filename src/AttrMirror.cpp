@@ -74,6 +74,10 @@ class MirrorSourceSm::QuorListenFd
   using OwnerDescriptorReactor::OwnerDescriptorReactor;
 };
 
+class MirrorSourceSm::QuorFlush : public Quor::OwnerClockReactor<MirrorSourceSm, &MirrorSourceSm::handleFlush> {
+  using OwnerClockReactor::OwnerClockReactor;
+};
+
 class MirrorSourceSm::QuorPeer
     : public Quor::OwnerDescriptorReactor<MirrorSourceSm, QuorPeer, &MirrorSourceSm::handlePeerReadable,
                                           &MirrorSourceSm::handlePeerWritable> {
@@ -106,6 +110,8 @@ Quor::Ptr<MirrorSourceSm> mirrorSourceSmFactory(Quor::Name const& name,
   fdEntity->notifyOnReadableIs(true);
   s->listener_ = new MirrorSourceSm::QuorListenFd(s.ptr());
   s->listener_->notifierIs(fdEntity);
+  s->flush_ = new MirrorSourceSm::QuorFlush(s.ptr());
+  s->flush_->notifierIs(Quor::clockFactory(Quor::Name("mirror " + name.str()), s->activity_));
   s->initializedIs(true);
   return s;
 }
@@ -165,14 +171,15 @@ void MirrorSourceSm::broadcast(std::string&& records) {
 void MirrorSourceSm::send(QuorPeer& p, std::string_view frame) {
   if (!p.notifier()) return;  // dropped during this walk
   bytesSent_ += frame.size();
-  if (p.queued() == 0) {
-    p.out.assign(frame);
-    p.sent = 0;
-  } else {
-    p.out.append(frame);
-  }
-  flush(p);
-  if (p.notifier() && p.queued() > maxBacklogBytes_) dropPeer(&p, "too far behind");  // it resyncs on return
+  p.out.append(frame);
+  // Written when the loop turns: the changes of one turn leave in one system call.
+  if (flush_->timeMin() == Quor::endOfTime) flush_->timeMinIs(0.0);
+  if (p.queued() > maxBacklogBytes_) dropPeer(&p, "too far behind");  // it resyncs on return
+}
+
+void MirrorSourceSm::handleFlush() {
+  for (auto const& p : std::vector<Quor::Ptr<QuorPeer>>(peers_))
+    if (p->notifier() && p->queued() > 0) flush(*p);
 }
 
 // Writes what the socket takes now; the rest waits for writability.
@@ -250,6 +257,11 @@ void MirrorSourceSm::handleDel() {
     p->notifierIs(nullptr);
   }
   peers_.clear();
+  if (flush_) {
+    flush_->ownerIs(nullptr);
+    flush_->notifierIs(nullptr);
+    flush_ = nullptr;
+  }
   if (listener_) {
     listener_->ownerIs(nullptr);
     listener_->notifierIs(nullptr);

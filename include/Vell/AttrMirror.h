@@ -23,9 +23,10 @@
 //   - A sink that falls more than maxBacklogBytes behind is dropped (logged, once per
 //     peer) rather than let the source's memory grow; it resynchronises when it returns.
 //
-// Costs: a change costs one record (about 30 bytes plus names and value) per connected
-// sink, written at once when the socket accepts it; a copy is O(members). The sink
-// decodes into closures and runs each mutator once.
+// Costs: a change costs one record (about 60 bytes for a directory member) per
+// connected sink; the records of one loop turn leave together at the start of the next
+// (one system call per sink and turn: a change waits at most one turn). A copy is
+// O(members). The sink decodes into closures and runs each mutator once.
 //
 // Traces go to channel "AttrMirror".
 #pragma once
@@ -47,6 +48,7 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
  public:
   class QuorListenFd;
   class QuorPeer;
+  class QuorFlush;
 
   MirrorSourceSm(Quor::Name const& name, Quor::Ptr<Quor::ActivityConfig> const& activity);
   ~MirrorSourceSm() override;
@@ -75,6 +77,7 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
   void handleAccept(QuorListenFd*);
   void handlePeerReadable(QuorPeer* p);
   void handlePeerWritable(QuorPeer* p);
+  void handleFlush();
 
  protected:
   void handleDel() override;
@@ -88,6 +91,7 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
   std::string copyFrames() const;
   Quor::Ptr<Quor::ActivityConfig> activity_;
   Quor::Ptr<QuorListenFd> listener_;
+  Quor::Ptr<QuorFlush> flush_;
   std::map<Quor::Name, std::unique_ptr<Served>> served_;
   std::vector<Quor::Ptr<QuorPeer>> peers_;
   U32 maxBacklogBytes_ = 64u << 20;
