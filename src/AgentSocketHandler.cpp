@@ -695,4 +695,56 @@ void ClientSm::runCallback(AgentSocketHandlerSm& handler, unsigned descriptor, Q
   }
 }
 
+// ---- the command words as data ----
+
+class AgentSocketCommands::QuorHandler : public AgentSocketHandlerSm::NotifieeConst {
+ public:
+  explicit QuorHandler(AgentSocketCommands* owner) : owner_(owner) {}
+  void onAgentSocketCallback(Quor::String8 const& word) override {
+    if (!owner_) return;
+    Quor::Ptr<AgentSocketCommands> const owner(owner_);
+    if (auto cb = notifier()->agentSocketCallback(word)) owner->agentSocketCallbackIs(word, cb->name());
+    else owner->agentSocketCallbackDel(word);
+  }
+  AgentSocketCommands* owner_;
+};
+
+AgentSocketCommands::AgentSocketCommands(Quor::Name const& name) : Quor::Entity(name) {}
+AgentSocketCommands::~AgentSocketCommands() = default;
+
+Quor::String8 AgentSocketCommands::agentSocketCallback(Quor::String8 const& word) const {
+  auto it = words_.find(word);
+  return it == words_.end() ? Quor::String8() : it->second;
+}
+
+void AgentSocketCommands::agentSocketCallbackIs(Quor::String8 const& word, Quor::String8 const& callbackName) {
+  if (callbackName.size() == 0) return agentSocketCallbackDel(word);  // "" reads as absent
+  auto [it, fresh] = words_.try_emplace(word, callbackName);
+  if (!fresh) {
+    if (it->second == callbackName) return;
+    it->second = callbackName;
+  }
+  notifiees_.notify(&NotifieeConst::onAgentSocketCallback, word);
+}
+
+void AgentSocketCommands::agentSocketCallbackDel(Quor::String8 const& word) {
+  if (words_.erase(word) != 0) notifiees_.notify(&NotifieeConst::onAgentSocketCallback, word);
+}
+
+void AgentSocketCommands::handleDel() {
+  if (!handler_) return;
+  handler_->owner_ = nullptr;
+  handler_->notifierIs(nullptr);
+  handler_ = nullptr;
+}
+
+Quor::Ptr<AgentSocketCommands> agentSocketCommandsFactory(Quor::Ptr<AgentSocketHandlerSm const> const& handler) {
+  Quor::checkNotNull("Vell::AgentSocketCommands", "handler", handler);
+  auto c = Quor::makeEntity<AgentSocketCommands>(Quor::Name(handler->name().str()));
+  for (auto const& [word, cb] : handler->agentSocketCallbackMap()) c->agentSocketCallbackIs(word, cb->name());
+  c->handler_ = new AgentSocketCommands::QuorHandler(c.ptr());
+  c->handler_->notifierIs(handler);
+  return c;
+}
+
 }  // namespace Vell

@@ -10,6 +10,7 @@
 #include <random>
 #include <set>
 
+#include <Vell/AgentSocketHandler.h>
 #include <Vell/AttrMirror.h>
 #include <Vell/XactLib.h>
 
@@ -177,6 +178,23 @@ TEST_F(AttrMirrorTest, BoundsAndRefusals) {
             "MirrorSinkSm::retryInterval < 0.001 or > 3600 not allowed");
   sink->mirror<Vell::XactConfigDir>("a");
   EXPECT_EQ(VellTest::rangeText([&] { sink->mirror<Vell::XactStatusDir>("a"); }), "a is mirrored as Vell::XactConfigDir");
+}
+
+// The command socket's words travel as data: the mirror follows registrations.
+TEST_F(AttrMirrorTest, CommandWordsOfAnotherAgentFollowItsCallbacks) {
+  auto handler = Vell::agentSocketHandlerSmFactory("vell-words-" + std::to_string(getpid()));
+  handler->agentSocketCallbackIs(Vell::agentSocketCallbackFactory("status cb", "status"));
+  auto source = Vell::mirrorSourceSmFactory(name);
+  source->entityIs(Vell::agentSocketCommandsFactory(handler));
+  auto sink = Vell::mirrorSinkSmFactory(name, clock);
+  auto words = sink->mirror<Vell::AgentSocketCommands>(handler->name());
+  settle();
+  EXPECT_EQ(words->agentSocketCallback("status"), "status cb");
+  handler->agentSocketCallbackIs(Vell::agentSocketCallbackFactory("stats cb", "stats"));
+  handler->agentSocketCallbackDel("status");
+  settle();
+  using Words = std::map<Quor::String8, Quor::String8>;
+  EXPECT_EQ(words->agentSocketCallbackMap(), (Words{{"stats", "stats cb"}}));
 }
 
 }  // namespace

@@ -297,6 +297,51 @@ QUOR_API Quor::Ptr<AgentSocketHandlerSm> agentSocketHandlerSmFactory(
     Quor::String8 const& name,
     Quor::Ptr<Quor::ActivityConfig> const& activity = Quor::defaultActivityConfig());
 
+/// A handler's command words as data (word -> the callback's name), kept equal to the
+/// handler's agentSocketCallback collection. Callbacks are code and stay in their
+/// process; this is what of them travels: serve it with a MirrorSourceSm and another
+/// process mirrors it (MirrorSinkSm::mirror<AgentSocketCommands>) to see, and follow,
+/// which words an agent serves.
+class QUOR_API AgentSocketCommands : public Quor::Entity {
+ public:
+  class QUOR_API NotifieeConst : public Quor::BaseNotifiee<AgentSocketCommands, NotifieeConst> {
+   public:
+    virtual void onAgentSocketCallback(Quor::String8 const&) {}
+  };
+  class QuorHandler;
+
+  /// Empty and following nothing (a mirror's copy).
+  explicit AgentSocketCommands(Quor::Name const& name);
+  ~AgentSocketCommands() override;
+
+  /// The callback's name under `word`, or "" (absent).
+  Quor::String8 agentSocketCallback(Quor::String8 const& word) const;
+  void agentSocketCallbackIs(Quor::String8 const& word, Quor::String8 const& callbackName);
+  void agentSocketCallbackDel(Quor::String8 const& word);
+  std::map<Quor::String8, Quor::String8> const& agentSocketCallbackMap() const { return words_; }
+
+  Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+  QUOR_ENTITY_TYPE(AgentSocketCommands, "Vell::AgentSocketCommands",
+                   Quor::collection("agentSocketCallback", &AgentSocketCommands::agentSocketCallbackMap,
+                                    &AgentSocketCommands::agentSocketCallback,
+                                    &AgentSocketCommands::agentSocketCallbackIs,
+                                    &AgentSocketCommands::agentSocketCallbackDel,
+                                    &NotifieeConst::onAgentSocketCallback))
+
+ protected:
+  void handleDel() override;
+
+ private:
+  friend QUOR_API Quor::Ptr<AgentSocketCommands> agentSocketCommandsFactory(
+      Quor::Ptr<AgentSocketHandlerSm const> const&);
+  std::map<Quor::String8, Quor::String8> words_;
+  Quor::Ptr<QuorHandler> handler_;
+  mutable Quor::NotifieeList<NotifieeConst> notifiees_;
+};
+
+/// The command words of `handler`, named after it, following its changes.
+QUOR_API Quor::Ptr<AgentSocketCommands> agentSocketCommandsFactory(Quor::Ptr<AgentSocketHandlerSm const> const& handler);
+
 /// True when this process may force a socket's send buffer (CAP_NET_ADMIN), without
 /// which every command on the socket is refused. Probes the kernel with a socket pair.
 QUOR_API bool agentSocketSendBufferForceAllowed();
