@@ -226,6 +226,7 @@ auto orderedKeys(C const& c) {
   using E = typename C::value_type;
   if constexpr (requires(E e) { e.first; }) {
     std::vector<std::decay_t<typename E::first_type>> ks;
+    ks.reserve(c.size());
     for (auto const& e : c) ks.push_back(e.first);
     std::sort(ks.begin(), ks.end());
     return ks;
