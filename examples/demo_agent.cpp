@@ -513,6 +513,8 @@ int main(int argc, char** argv) {
   intro->entityIs("allocator", blocks.allocator);
   intro->entityIs("wheel", blocks.wheel);
   intro->entityIs("eventClock", blocks.eventClock);
+  intro->entityIs("review", blocks.review);
+  intro->entityIs("backlog", blocks.backlog);
   Transactions xacts(name, Quor::clockFactory("demo xacts", activity));
   demo.commandIs("xact", [&](std::string const& args) { return xacts.command(args); });
   intro->entityIs("coordinator", xacts.agg);

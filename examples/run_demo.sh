@@ -101,7 +101,7 @@ echo "== commands through vellctl"
 step 0 "$VELLCTL" "$AGENT" help
 step 0 "$VELLCTL" "$AGENT" show
 sleep 1  # let the blocks' workload run for a second, so the figures have moved
-for entity in demo socket bitmap allocator wheel eventClock coordinator; do
+for entity in demo socket bitmap allocator wheel eventClock review backlog coordinator; do
   step 0 "$VELLCTL" "$AGENT" show "$entity"
 done
 echo

@@ -118,7 +118,11 @@ TEST(AttrStream, EveryValueTypeOfTheLibraryHasARecord) {
   for (char const* name : {"Vell::MaybeU63", "Vell::Seqno16", "Vell::Seqno32", "Vell::UniqueId", "Vell::Event",
                            "Vell::ConditionOrChangedStat", "Vell::XactConfig", "Vell::XactStatus", "Vell::BucketSize",
                            "Vell::InotifyEvent", "Vell::XactConfigDir",
-                           "Vell::AgentSocketHandlerSm", "Vell::TimerWheel"}) {
+                           "Vell::AgentSocketHandlerSm", "Vell::TimerWheel", "Vell::HBitmap", "Vell::BestFitAllocator",
+                           "Vell::EventClock", "Vell::ReviewTimer", "Vell::CodefBase", "Vell::Xact", "Vell::XactDir",
+                           "Vell::XactAggregatorSm", "Vell::XactExecutorSm", "Vell::AgentSocketCallback",
+                           "Vell::ClientSm", "Vell::AgentSocketCommands", "Vell::InotifyMgr", "Vell::InotifyMgrSm",
+                           "Vell::InotifyWatcher", "Vell::WatchDescriptor", "Vell::MirrorSourceSm", "Vell::MirrorSinkSm"}) {
     Quor::TypeRecord const* t = Quor::typeRecord(name);
     ASSERT_NE(t, nullptr) << name;
     EXPECT_EQ(t->name, name);

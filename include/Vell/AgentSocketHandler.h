@@ -86,6 +86,9 @@ class QUOR_API AgentSocketCallback : public Quor::Entity {
   /// closed as usual. The base version writes nothing.
   virtual void handleCommand(unsigned int descriptor, Quor::String8 commandArgs);
 
+  QUOR_ENTITY_TYPE(AgentSocketCallback, "Vell::AgentSocketCallback",
+                   Quor::attr("commandType", &AgentSocketCallback::commandType))
+
  protected:
   AgentSocketCallback(Quor::Name const& name, Quor::String8 const& commandType);
 
@@ -119,6 +122,10 @@ class QUOR_API ClientSm : public Quor::Entity {
   /// Reads and serves one request, then has the connection closed. Run on each readable
   /// notification; only a receive that fails with EAGAIN leaves the connection open.
   void handleDataFromClient();
+
+  QUOR_ENTITY_TYPE(ClientSm, "Vell::ClientSm",
+                   Quor::attr("clientFd", &ClientSm::clientFd),
+                   Quor::attr("agentSocketHandlerSm", &ClientSm::agentSocketHandlerSm))
 
  private:
   friend class AgentSocketHandlerSm;

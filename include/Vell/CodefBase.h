@@ -105,6 +105,14 @@ class QUOR_API CodefBase : public Quor::PtrInterface {
   /// assertion ("0").
   [[noreturn]] static void codefAssert(Quor::String8 const& message);
 
+  QUOR_ENTITY_TYPE(CodefBase, "Vell::CodefBase",
+                   Quor::attr("backlogQuantum", &CodefBase::backlogQuantum, &CodefBase::backlogQuantumIs),
+                   Quor::attr("updatesSeen", &CodefBase::updatesSeen),
+                   Quor::attr("updatesProcessed", &CodefBase::updatesProcessed),
+                   Quor::attr("timeUsed", &CodefBase::timeUsed),
+                   Quor::attr("dispatchCount", &CodefBase::dispatchCount),
+                   Quor::attr("yieldBeforeFinishingCount", &CodefBase::yieldBeforeFinishingCount))
+
  protected:
   /// For subclasses: the backlog starts idle, its slice reactor attached to `clock`.
   /// Throws Quor::RangeException on a null clock.

@@ -114,6 +114,9 @@ class QUOR_API InotifyMgr : public Quor::Entity {
   /// Makes the state machine (assertion "!initialized()" when run twice).
   void handleInitialized() override;
 
+  QUOR_ENTITY_TYPE(InotifyMgr, "Vell::InotifyMgr",
+                   Quor::attr("mgrSm", &InotifyMgr::mgrSm))
+
  private:
   Quor::Ptr<InotifyMgrSm> mgrSm_;
 };
@@ -139,9 +142,13 @@ class QUOR_API InotifyWatcher : public Quor::Entity {
   /// Gives every descriptor the event and one more count; they may unlink themselves
   /// or others meanwhile (those not yet told are then skipped).
   void notifyWatchers(InotifyEvent const& event, Quor::String8 const& reason);
+  QUOR_ENTITY_TYPE(InotifyWatcher, "Vell::InotifyWatcher",
+                   Quor::attr("wd", &InotifyWatcher::wd),
+                   Quor::attr("watchDescriptors", &InotifyWatcher::watchDescriptors))
 
  private:
   int const wd_;
+
   std::vector<WatchDescriptor*> watchDescriptor_;
 };
 
@@ -177,6 +184,12 @@ class QUOR_API WatchDescriptor : public Quor::Entity {
   Quor::Ptr<InotifyMgrSm> const& mgrSm() const { return mgr_; }
 
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
+
+  QUOR_ENTITY_TYPE(WatchDescriptor, "Vell::WatchDescriptor",
+                   Quor::attr("path", &WatchDescriptor::path, &WatchDescriptor::pathIs),
+                   Quor::attr("event", &WatchDescriptor::event),
+                   Quor::attr("watchCount", &WatchDescriptor::watchCount),
+                   Quor::attr("watcher", &WatchDescriptor::watcher))
 
  protected:
   void handleDel() override;

@@ -61,6 +61,11 @@ class QUOR_API ReviewTimer : public Quor::PtrInterface {
   /// delay are left alone. Precondition: clock() is not null.
   void doUpdateNextReviewImmediately();
 
+  QUOR_ENTITY_TYPE(ReviewTimer, "Vell::ReviewTimer", Quor::attr("fillInterval", &ReviewTimer::fillInterval),
+                   Quor::attr("maxCredits", &ReviewTimer::maxCredits), Quor::attr("minDelay", &ReviewTimer::minDelay),
+                   Quor::attr("maxDelay", &ReviewTimer::maxDelay), Quor::attr("credits", &ReviewTimer::credits),
+                   Quor::attr("lastReview", &ReviewTimer::lastReview), Quor::attr("delay", &ReviewTimer::delay))
+
  private:
   Quor::Clock::NotifieeConst* clock_;
   float fillInterval_;

@@ -179,6 +179,9 @@ class QUOR_API XactDir : public Quor::Entity {
   std::map<U32, Quor::Ptr<Xact>> const& xacts() const { return xact_; }
   Quor::NotifieeList<NotifieeConst>& notifiees() const { return notifiees_; }
 
+  QUOR_ENTITY_TYPE(XactDir, "Vell::XactDir",
+                   Quor::collection("xact", &XactDir::xacts, &XactDir::xact))
+
  private:
   std::map<U32, Quor::Ptr<Xact>> xact_;
   mutable Quor::NotifieeList<NotifieeConst> notifiees_;
