@@ -400,6 +400,22 @@ Quor::Ptr<Blk> Blk::quorParsePtr(Quor::StrepIt& it, Quor::StrepIt end) {
   return b;
 }
 
+void Blk::quorWriteNboPtr(Quor::NboAttrLog::Out& out, Blk const* blk) {
+  out.u8(blk ? 1 : 0);
+  if (!blk) return;
+  out.u32(blk->blkSz_);
+  out.u32(blk->startIndex_);
+}
+
+Quor::Ptr<Blk> Blk::quorReadNboPtr(Quor::NboAttrLog::In& in) {
+  if (!in.payload<bool>()) return nullptr;
+  U32 const sz = in.u32();
+  U32 const start = in.u32();
+  Quor::Ptr<Blk> b(new Blk(sz, nullptr));  // like a parsed one: a range of no allocator
+  b->startIndex_ = start;
+  return b;
+}
+
 PendingCmd PendingCmds::pendingCmdLogDeq() {
   if (pendingCmdLog_.empty()) Quor::throwRangeException("linkqueue index out of range");
   return pendingCmdLog_.popFront();

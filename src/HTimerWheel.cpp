@@ -59,6 +59,14 @@ void BucketSize::valueIs(U32 v) { value_ = QUOR_CHECK_RANGE("BucketSize", "value
 
 void BucketSize::quorWrite(std::string& out) const { Quor::TextForm<U32>::write(out, value_); }
 
+BucketSize BucketSize::quorReadNbo(Quor::NboAttrLog::In& in) {
+  U32 const v = in.u32();
+  if (v < 2 || v > 0xfffffffe) in.fail("BucketSize::value < 2 or > 0xfffffffe not allowed");
+  BucketSize b;
+  b.value_ = v;
+  return b;
+}
+
 BucketSize BucketSize::quorParse(Quor::StrepIt& it, Quor::StrepIt end) {
   Quor::StrepIt const start = it;
   U32 const v = Quor::TextForm<U32>::parse(it, end);

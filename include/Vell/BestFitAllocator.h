@@ -236,6 +236,9 @@ class QUOR_API Blk : public Quor::PtrInterface {
   /// "None" for a null handle. Parsing gives a detached block.
   static void quorWritePtr(std::string& out, Blk const* blk);
   static Quor::Ptr<Blk> quorParsePtr(Quor::StrepIt& it, Quor::StrepIt end);
+  /// The binary form: a presence byte, then blkSz and startIndex; read back detached.
+  static void quorWriteNboPtr(Quor::NboAttrLog::Out& out, Blk const* blk);
+  static Quor::Ptr<Blk> quorReadNboPtr(Quor::NboAttrLog::In& in);
   friend std::ostream& operator<<(std::ostream& o, Blk const& b) {
     std::string s;
     quorWritePtr(s, &b);
@@ -265,6 +268,12 @@ struct Quor::TextForm<Quor::Ptr<Vell::BFA::Blk>> {
   static Quor::Ptr<Vell::BFA::Blk> parse(Quor::StrepIt& it, Quor::StrepIt end) {
     return Vell::BFA::Blk::quorParsePtr(it, end);
   }
+};
+
+template <>
+struct Quor::NboAttrLog::Codec<Quor::Ptr<Vell::BFA::Blk>> {
+  static void write(Out& out, Quor::Ptr<Vell::BFA::Blk> const& b) { Vell::BFA::Blk::quorWriteNboPtr(out, b.ptr()); }
+  static Quor::Ptr<Vell::BFA::Blk> read(In& in) { return Vell::BFA::Blk::quorReadNboPtr(in); }
 };
 
 namespace Vell {

@@ -61,6 +61,9 @@ class QUOR_API BucketSize {
   void quorWrite(std::string& out) const;
   /// Parses a decimal number; out-of-bounds values throw as valueIs() does.
   static BucketSize quorParse(Quor::StrepIt& it, Quor::StrepIt end);
+  /// Binary: the 32-bit value, bounded when read.
+  void quorWriteNbo(Quor::NboAttrLog::Out& out) const { out.u32(value_); }
+  static BucketSize quorReadNbo(Quor::NboAttrLog::In& in);
 
   QUOR_VALUE_TYPE(BucketSize, "Vell::BucketSize", QUOR_FIELD(BucketSize, value))
 
