@@ -306,7 +306,7 @@ Quor::Ptr<Quor::Entity> MirrorSinkSm::mirrorIs(Quor::Name const& n, Quor::TypeRe
   auto it = mirrors_.find(n);
   if (it != mirrors_.end()) {
     if (it->second->fwkType() != &type)
-      Quor::throwRangeException(Quor::String8(n.str() + " is mirrored as " + it->second->fwkType()->name));
+      Quor::throwNameInUseException(Quor::String8(n.str() + " is mirrored as " + it->second->fwkType()->name));
     return it->second;
   }
   if (!type.make) Quor::throwRangeException(Quor::String8(type.name + " cannot be made from a name"));

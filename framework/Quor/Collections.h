@@ -1,20 +1,19 @@
 // The framework's collections: thin wrappers that give the standard containers the
 // semantics the blocks rely on (reads of missing members yield the default, index
-// spaces with exact errors, raw lists that report a missing member).
+// spaces with exact errors). A notifier's list of reactors is Quor::NotifieeList.
 #pragma once
 #include <algorithm>
 #include <deque>
 #include <functional>
 #include <map>
 #include <set>
-#include <unordered_map>
 #include <vector>
 
 #include <Quor/Exception.h>
 
 namespace Quor {
 
-/// The keyed-map operations both maps share: missing members read as the default.
+/// Keyed-map operations over a standard map: missing members read as the default.
 template <class Map>
 class KeyedMap {
  public:
@@ -61,10 +60,6 @@ class RbTreeMap : public KeyedMap<std::map<K, V>> {
   IteratorConst lowerBound(K const& k) const { return this->m_.lower_bound(k); }
   IteratorConst upperBound(K const& k) const { return this->m_.upper_bound(k); }
 };
-
-/// Hash map of values by key; iteration order unspecified.
-template <class V, class K, class H = std::hash<K>>
-class HashMap : public KeyedMap<std::unordered_map<K, V, H>> {};
 
 /// A queue in insertion order whose members also hold a small integer index, drawn
 /// from a bounded space (freed indices are reused, lowest first). Slots are made as
@@ -161,30 +156,6 @@ class LinkQueue {
   std::vector<Slot> slots_;
   std::set<U32> holes_;  // unused indices below slots_.size()
   std::deque<U32> order_;
-};
-
-/// A list of raw, non-owning pointers in insertion order. Removing a pointer that is
-/// not a member is reported to onDeleteMemberNotFound (by default: ignored).
-template <class T>
-class OrderedRawList {
- public:
-  void pushBack(T* p) { v_.push_back(p); }
-  void remove(T* p) {
-    auto it = std::find(v_.begin(), v_.end(), p);
-    if (it == v_.end()) {
-      if (onDeleteMemberNotFound) onDeleteMemberNotFound(p);
-      return;
-    }
-    v_.erase(it);
-  }
-  bool contains(T const* p) const { return std::find(v_.begin(), v_.end(), p) != v_.end(); }
-  std::size_t members() const { return v_.size(); }
-  auto begin() const { return v_.begin(); }
-  auto end() const { return v_.end(); }
-  std::function<void(T*)> onDeleteMemberNotFound;
-
- private:
-  std::vector<T*> v_;
 };
 
 /// A growable array indexed by an integer: reading past the end yields the default

@@ -122,11 +122,11 @@ class QUOR_API MirrorSinkSm : public Quor::Entity {
   ~MirrorSinkSm() override;
 
   /// The local copy of the source's entity `name`, made empty now when absent; it
-  /// fills on the next copy. Throws RangeException when `name` is mirrored with another
-  /// type, or when T cannot be made from a name.
+  /// fills on the next copy. Throws NameInUseException when `name` is mirrored with
+  /// another type, RangeException when T cannot be made from a name.
   template <class T>
   Quor::Ptr<T const> mirror(Quor::Name const& name) {
-    return Quor::Ptr<T const>(static_cast<T const*>(mirrorIs(name, Quor::entityTypeRecord<T>()).ptr()));
+    return Quor::ptr_cast<T const>(Quor::Ptr<Quor::Entity const>(mirrorIs(name, Quor::entityTypeRecord<T>())));
   }
   Quor::Ptr<Quor::Entity> mirrorIs(Quor::Name const& name, Quor::TypeRecord const& type);
   Quor::Ptr<Quor::Entity const> mirror(Quor::Name const& name) const;
