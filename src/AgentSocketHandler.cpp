@@ -157,37 +157,18 @@ Quor::Ptr<AgentSocketCallback> agentSocketCallbackFactory(Quor::Name const& name
 // its reactor alive, never the other way round. During a call both are held, since the
 // call may end the connection (and with it the reactor) or drop the handler.
 
-template <class Owner, void (Owner::*handler)()>
-class OwnerReadableReactor : public Quor::FileDescriptor::NotifieeConst {
- public:
-  explicit OwnerReadableReactor(Owner* owner) : owner_(owner) {}
-  void onReadableCount() override {
-    if (!owner_ || !notifier()) return;
-    Quor::Ptr<OwnerReadableReactor> self(this);
-    Quor::Ptr<Owner> owner(owner_);
-    (owner.ptr()->*handler)();
-  }
-  Owner* owner_;
-};
-
 class AgentSocketHandlerSm::QuorAgentsockFd
-    : public OwnerReadableReactor<AgentSocketHandlerSm, &AgentSocketHandlerSm::handleClientConnection> {
-  using OwnerReadableReactor::OwnerReadableReactor;
+    : public Quor::OwnerDescriptorReactor<AgentSocketHandlerSm, QuorAgentsockFd, &AgentSocketHandlerSm::handleClientConnection> {
+  using OwnerDescriptorReactor::OwnerDescriptorReactor;
 };
 
-class ClientSm::QuorClientFd : public OwnerReadableReactor<ClientSm, &ClientSm::handleDataFromClient> {
-  using OwnerReadableReactor::OwnerReadableReactor;
+class ClientSm::QuorClientFd : public Quor::OwnerDescriptorReactor<ClientSm, QuorClientFd, &ClientSm::handleDataFromClient> {
+  using OwnerDescriptorReactor::OwnerDescriptorReactor;
 };
 
-class AgentSocketHandlerSm::QuorClock : public Quor::Clock::NotifieeConst {
- public:
-  explicit QuorClock(AgentSocketHandlerSm* owner) : owner_(owner) {}
-  void onTime() override {
-    if (!owner_) return;
-    Quor::Ptr<AgentSocketHandlerSm> const owner(owner_);
-    owner->handleClock();
-  }
-  AgentSocketHandlerSm* owner_;
+class AgentSocketHandlerSm::QuorClock
+    : public Quor::OwnerClockReactor<AgentSocketHandlerSm, &AgentSocketHandlerSm::handleClock> {
+  using OwnerClockReactor::OwnerClockReactor;
 };
 
 // ---- the listening side ----
@@ -429,11 +410,11 @@ void AgentSocketHandlerSm::handleDeletion() {
 void AgentSocketHandlerSm::handleDel() {
   handleDeletion();
   if (clock_) {
-    clock_->owner_ = nullptr;
+    clock_->ownerIs(nullptr);
     clock_->timeMinIs(Quor::endOfTime);
   }
   if (agentsockFdReactor_) {
-    agentsockFdReactor_->owner_ = nullptr;
+    agentsockFdReactor_->ownerIs(nullptr);
     agentsockFdReactor_->notifierIs(nullptr);
   }
   // Connections may outlive us in someone else's Ptr: they must not reach back.
@@ -562,7 +543,7 @@ ClientSm::~ClientSm() = default;
 
 void ClientSm::handleDel() {
   if (clientFdReactor_) {
-    clientFdReactor_->owner_ = nullptr;
+    clientFdReactor_->ownerIs(nullptr);
     clientFdReactor_->notifierIs(nullptr);
   }
   handler_ = nullptr;

@@ -243,16 +243,11 @@ struct TimerWheel::Bucket {
 
 // ---- the wheel's clock reactor ------------------------------------------------------------
 
-class TimerWheel::QuorSystemClock : public Quor::Clock::NotifieeConst {
- public:
-  explicit QuorSystemClock(TimerWheel* wheel) : wheel_(wheel) {}
-  void onTime() override {
-    if (!wheel_) return;
-    // A timer's callback may drop the last reference to the wheel.
-    Quor::Ptr<TimerWheel> const hold(wheel_);
-    wheel_->handleSystemClock();
-  }
-  TimerWheel* wheel_;  // back pointer: never keeps the wheel alive
+// A timer's callback may drop the last reference to the wheel: the reactor holds it
+// during the call, and never otherwise.
+class TimerWheel::QuorSystemClock
+    : public Quor::OwnerClockReactor<TimerWheel, &TimerWheel::handleSystemClock> {
+  using OwnerClockReactor::OwnerClockReactor;
 };
 
 // ---- construction -----------------------------------------------------------------------------
@@ -277,7 +272,7 @@ TimerWheel::~TimerWheel() = default;
 void TimerWheel::handleDel() {
   // Attached timers hold a reference, so every slot is empty by now; only the clock
   // reactor may still be armed.
-  quorSystemClock_->wheel_ = nullptr;
+  quorSystemClock_->ownerIs(nullptr);
   quorSystemClock_->timeMinIs(Quor::endOfTime);
   quorSystemClock_->notifierIs(nullptr);
 }

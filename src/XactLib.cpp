@@ -139,13 +139,8 @@ class XactAggregatorSm::QuorBlockedXact : public Xact::NotifieeConst {
   bool releasing_ = false;
 };
 
-class XactAggregatorSm::QuorClock : public Quor::Clock::NotifieeConst {
- public:
-  explicit QuorClock(XactAggregatorSm* owner) : owner_(owner) {}
-  void onTime() override {
-    if (owner_) owner_->handleClock();
-  }
-  XactAggregatorSm* owner_;
+class XactAggregatorSm::QuorClock : public Quor::OwnerClockReactor<XactAggregatorSm, &XactAggregatorSm::handleClock> {
+  using OwnerClockReactor::OwnerClockReactor;
 };
 
 // ---- the coordinator -------------------------------------------------------------------
@@ -156,7 +151,7 @@ XactAggregatorSm::XactAggregatorSm(Quor::String8 const& name, Quor::Ptr<Quor::Cl
 }
 
 XactAggregatorSm::~XactAggregatorSm() {
-  if (clock_) clock_->owner_ = nullptr;
+  if (clock_) clock_->ownerIs(nullptr);
   for (auto& [name, r] : xactStatusDir_) r->withdraw();
   for (auto& [id, b] : blocked_) b->release();
 }
@@ -181,7 +176,7 @@ void XactAggregatorSm::handleDel() {
 void XactAggregatorSm::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
   Quor::Seconds const armed = clock_ ? clock_->timeMin() : Quor::endOfTime;
   if (clock_) {
-    clock_->owner_ = nullptr;
+    clock_->ownerIs(nullptr);
     clock_->timeMinIs(Quor::endOfTime);
   }
   clock_ = nullptr;
@@ -441,13 +436,8 @@ class XactExecutorSm::QuorXactConfigDir : public XactConfigDir::NotifieeConst {
   XactExecutorSm* owner_;
 };
 
-class XactExecutorSm::QuorClock : public Quor::Clock::NotifieeConst {
- public:
-  explicit QuorClock(XactExecutorSm* owner) : owner_(owner) {}
-  void onTime() override {
-    if (owner_) owner_->handleClock();
-  }
-  XactExecutorSm* owner_;
+class XactExecutorSm::QuorClock : public Quor::OwnerClockReactor<XactExecutorSm, &XactExecutorSm::handleClock> {
+  using OwnerClockReactor::OwnerClockReactor;
 };
 
 XactExecutorSm::XactExecutorSm(Quor::String8 name, Quor::Ptr<XactStatusDir> const& statusDir,
@@ -463,7 +453,7 @@ XactExecutorSm::XactExecutorSm(Quor::String8 name, Quor::Ptr<XactStatusDir> cons
 }
 
 XactExecutorSm::~XactExecutorSm() {
-  if (clock_) clock_->owner_ = nullptr;
+  if (clock_) clock_->ownerIs(nullptr);
   if (configDirReactor_) configDirReactor_->owner_ = nullptr;
 }
 
@@ -510,7 +500,7 @@ void XactExecutorSm::clockIs(Quor::Ptr<Quor::Clock const> const& clock) {
 
 void XactExecutorSm::clockDel() {
   if (!clock_) return;
-  clock_->owner_ = nullptr;
+  clock_->ownerIs(nullptr);
   clock_->timeMinIs(Quor::endOfTime);
   clock_ = nullptr;
 }

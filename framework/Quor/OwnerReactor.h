@@ -5,6 +5,8 @@
 // (ownerIs(nullptr)) when it is deleted. During a call both are held: the call may end
 // the reactor's descriptor or drop the owner's last outside reference.
 #pragma once
+#include <type_traits>
+
 #include <Quor/Activity.h>
 
 namespace Quor {
@@ -27,23 +29,27 @@ class OwnerClockReactor : public Clock::NotifieeConst {
   Owner* owner_;
 };
 
-/// Calls (owner->*onReadable)(this) when the descriptor is readable and
-/// (owner->*onWritable)(this) when writable (either may be null).
-template <class Owner, class Self, void (Owner::*onReadable)(Self*), void (Owner::*onWritable)(Self*) = nullptr>
+/// Calls onReadable on the owner when the descriptor is readable and onWritable when
+/// writable (nullptr: nothing). A handler takes no argument, or this reactor (Self*).
+template <class Owner, class Self, auto onReadable, auto onWritable = nullptr>
 class OwnerDescriptorReactor : public FileDescriptor::NotifieeConst {
  public:
   explicit OwnerDescriptorReactor(Owner* owner) : owner_(owner) {}
   Owner* owner() const { return owner_; }
   void ownerIs(Owner* o) { owner_ = o; }
-  void onReadableCount() override { call(onReadable); }
-  void onWritableCount() override { call(onWritable); }
+  void onReadableCount() override { call<onReadable>(); }
+  void onWritableCount() override { call<onWritable>(); }
 
  private:
-  void call(void (Owner::*h)(Self*)) {
-    if (!h || !owner_ || !notifier()) return;
-    Ptr<OwnerDescriptorReactor> const self(this);
-    Ptr<Owner> const owner(owner_);
-    (owner.ptr()->*h)(static_cast<Self*>(this));
+  template <auto handler>
+  void call() {
+    if constexpr (!std::is_null_pointer_v<decltype(handler)>) {
+      if (!owner_ || !notifier()) return;
+      Ptr<OwnerDescriptorReactor> const self(this);
+      Ptr<Owner> const owner(owner_);
+      if constexpr (std::is_invocable_v<decltype(handler), Owner*, Self*>) (owner.ptr()->*handler)(static_cast<Self*>(this));
+      else (owner.ptr()->*handler)();
+    }
   }
   Owner* owner_;
 };
