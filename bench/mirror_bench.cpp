@@ -20,25 +20,14 @@
 #include <Vell/AttrMirror.h>
 #include <Vell/XactLib.h>
 
+#include "XactBenchSupport.h"
+
 namespace {
 
 using Vell::U32;
 using Vell::U64;
 
-struct Answering : Vell::XactExecutorSm {
-  Answering(Quor::String8 name, Quor::Ptr<Vell::XactStatusDir> const& dir, Quor::Ptr<Quor::Clock const> const& c)
-      : XactExecutorSm(std::move(name), dir, c, 0.01) {}
-  Vell::ExecResult doExecute(Vell::XactConfig const&) override { return {Vell::xactSuccess, ""}; }
-};
 
-struct Restarter : Vell::Xact::NotifieeConst {
-  Vell::XactAggregatorSm* agg = nullptr;
-  long* done = nullptr;
-  void onStatusVersion() override {
-    ++*done;
-    agg->doStartXact(Quor::Ptr<Vell::Xact>(const_cast<Vell::Xact*>(notifier().ptr())));
-  }
-};
 
 // Ends the child's loop when the coordinator goes away.
 struct StopWhenGone : Vell::MirrorSinkSm::NotifieeConst {
@@ -62,7 +51,7 @@ int runExecutor(std::string const& prefix) {
   auto statuses = Vell::xactStatusDirFactory("remote");
   auto source = Vell::mirrorSourceSmFactory(prefix + "-status");
   source->entityIs(statuses);
-  auto exec = Quor::makeEntity<Answering>("remote", statuses, clock);
+  auto exec = Quor::makeEntity<VellBench::BenchExecutor>("remote", statuses, clock);
   exec->xactConfigDirIs(sink->mirror<Vell::XactConfigDir>("remote"));
   loop->run();
   exec->xactConfigDirDel();
@@ -79,7 +68,7 @@ void runXacts(benchmark::State& st, bool remote) {
   agg->maxAllowedInProgressXactsIs(static_cast<U32>(w));
   auto configs = Vell::xactConfigDirFactory("remote");
   agg->xactConfigDirIs(configs);
-  Quor::Ptr<Answering> local;
+  Quor::Ptr<VellBench::BenchExecutor> local;
   Quor::Ptr<Vell::MirrorSourceSm> source;
   Quor::Ptr<Vell::MirrorSinkSm> sink;
   pid_t child = -1;
@@ -101,26 +90,16 @@ void runXacts(benchmark::State& st, bool remote) {
     if (!sink->connected()) st.SkipWithError("the executor process did not connect");
   } else {
     auto statuses = Vell::xactStatusDirFactory("remote");
-    local = Quor::makeEntity<Answering>("remote", statuses, clock);
+    local = Quor::makeEntity<VellBench::BenchExecutor>("remote", statuses, clock);
     local->xactConfigDirIs(configs);
     agg->xactStatusDirIs(statuses);
   }
   long done = 0;
-  std::vector<Quor::Ptr<Vell::Xact>> xs;
-  std::vector<Quor::Ptr<Restarter>> rs;
-  for (int i = 0; i < w; ++i) {
-    xs.push_back(Vell::xactFactory(std::to_string(i + 1), static_cast<U32>(i + 1)));
-    rs.push_back(new Restarter);
-    rs.back()->agg = agg.ptr();
-    rs.back()->done = &done;
-    rs.back()->notifierIs(xs.back());
-    agg->doStartXact(xs.back());
-  }
+  VellBench::InFlight flight(agg.ptr(), w, &done);
   for (auto _ : st) sm->runOnce();
   st.SetItemsProcessed(done);
   if (remote) st.counters["bytes_per_xact"] = double(source->bytesSent() + sink->bytesReceived()) / double(done);
-  for (auto& r : rs) r->notifierIs(nullptr);
-  for (auto& x : xs) agg->doStopXact(x->id());
+  flight.stop();
   if (local) local->xactConfigDirDel();
   source = nullptr;  // the child sees its coordinator go and ends
   sink = nullptr;

@@ -14,6 +14,8 @@
 
 #include <Vell/XactLib.h>
 
+#include "XactBenchSupport.h"
+
 #include <unordered_map>
 #include <vector>
 
@@ -21,20 +23,7 @@ namespace {
 
 using Vell::U32;
 
-struct BenchExecutor : Vell::XactExecutorSm {
-  BenchExecutor(Quor::String8 name, Quor::Ptr<Vell::XactStatusDir> const& dir, Quor::Ptr<Quor::Clock const> const& c)
-      : XactExecutorSm(std::move(name), dir, c, 0.01) {}
-  Vell::ExecResult doExecute(Vell::XactConfig const&) override { return {Vell::xactSuccess, ""}; }
-};
 
-struct Restarter : Vell::Xact::NotifieeConst {
-  Vell::XactAggregatorSm* agg = nullptr;
-  long* done = nullptr;
-  void onStatusVersion() override {
-    ++*done;
-    agg->doStartXact(Quor::Ptr<Vell::Xact>(const_cast<Vell::Xact*>(notifier().ptr())));
-  }
-};
 
 void Xact_EndToEnd(benchmark::State& st) {
   int const e = static_cast<int>(st.range(0)), w = static_cast<int>(st.range(1));
@@ -42,30 +31,20 @@ void Xact_EndToEnd(benchmark::State& st) {
   auto clock = Quor::clockFactory("xact bench");
   auto agg = Vell::xactAggregatorSmFactory("agg", clock);
   agg->maxAllowedInProgressXactsIs(static_cast<U32>(w));
-  std::vector<Quor::Ptr<BenchExecutor>> execs;
+  std::vector<Quor::Ptr<VellBench::BenchExecutor>> execs;
   for (int k = 0; k < e; ++k) {
     auto configs = Vell::xactConfigDirFactory("e" + std::to_string(k));
     auto statuses = Vell::xactStatusDirFactory("e" + std::to_string(k));
-    execs.push_back(Quor::makeEntity<BenchExecutor>(configs->name().str(), statuses, clock));
+    execs.push_back(Quor::makeEntity<VellBench::BenchExecutor>(configs->name().str(), statuses, clock));
     execs.back()->xactConfigDirIs(configs);
     agg->xactConfigDirIs(configs);
     agg->xactStatusDirIs(statuses);
   }
   long done = 0;
-  std::vector<Quor::Ptr<Vell::Xact>> xs;
-  std::vector<Quor::Ptr<Restarter>> rs;
-  for (int i = 0; i < w; ++i) {
-    xs.push_back(Vell::xactFactory(std::to_string(i + 1), static_cast<U32>(i + 1)));
-    rs.push_back(new Restarter);
-    rs.back()->agg = agg.ptr();
-    rs.back()->done = &done;
-    rs.back()->notifierIs(xs.back());
-    agg->doStartXact(xs.back());
-  }
+  VellBench::InFlight flight(agg.ptr(), w, &done);
   for (auto _ : st) sm->runOnce();
   st.SetItemsProcessed(done);
-  for (auto& r : rs) r->notifierIs(nullptr);
-  for (auto& x : xs) agg->doStopXact(x->id());
+  flight.stop();
   for (auto& ex : execs) ex->xactConfigDirDel();
   execs.clear();
   agg = nullptr;
