@@ -2,6 +2,8 @@
 // handling that fires them, cascades coarser buckets down and puts the wheel to rest.
 #include <Vell/HTimerWheel.h>
 
+#include <Quor/ListSort.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -645,73 +647,16 @@ void TimerWheel::fireSlot(U32 index) {
   }
 }
 
-namespace {
-
-using Timer = TimerWheel::NotifieeConst;
-
-// Merges two lists linked through `next`, in (timeMin, arming) order.
-template <class Before, class Next>
-Timer* mergeLists(Timer* a, Timer* b, Before before, Next next) {
-  Timer* head = nullptr;
-  Timer** tail = &head;
-  while (a && b) {
-    if (before(b, a)) {
-      *tail = b;
-      b = next(b);
-    } else {
-      *tail = a;
-      a = next(a);
-    }
-    tail = &next(*tail);
-  }
-  *tail = a ? a : b;
-  return head;
-}
-
-}  // namespace
-
 // Sorts a slot's list by (timeMin, arming order): a slot collects timers armed at
-// different times and cascaded from coarser buckets. O(k log k) with no allocation, and
-// O(k) when the slot is already in order, which is the common case.
+// different times and cascaded from coarser buckets. O(k) when the slot is already in
+// order, which is the common case; then the back links are redone.
 void TimerWheel::sortSlot(HeadNTail& slot) {
   auto before = [](NotifieeConst const* x, NotifieeConst const* y) {
     return x->timeMin_ < y->timeMin_ || (x->timeMin_ == y->timeMin_ && x->armSeq_ < y->armSeq_);
   };
   auto next = [](NotifieeConst* x) -> NotifieeConst*& { return x->next_; };
-  bool sorted = true;
-  for (NotifieeConst* n = slot.h; n && n->next_; n = n->next_)
-    if (before(n->next_, n)) {
-      sorted = false;
-      break;
-    }
-  if (sorted) return;
-  // Bottom-up merge sort over runs of width 1, 2, 4, ...
-  NotifieeConst* list = slot.h;
-  for (U64 width = 1;; width *= 2) {
-    NotifieeConst* result = nullptr;
-    NotifieeConst** resultTail = &result;
-    U32 merges = 0;
-    while (list) {
-      NotifieeConst* a = list;
-      NotifieeConst* p = a;
-      for (U64 k = 1; k < width && p->next_; ++k) p = p->next_;
-      NotifieeConst* b = p->next_;
-      p->next_ = nullptr;
-      NotifieeConst* q = b;
-      if (q) {
-        for (U64 k = 1; k < width && q->next_; ++k) q = q->next_;
-        list = q->next_;
-        q->next_ = nullptr;
-      } else {
-        list = nullptr;
-      }
-      *resultTail = mergeLists(a, b, before, next);
-      while (*resultTail) resultTail = &(*resultTail)->next_;
-      ++merges;
-    }
-    list = result;
-    if (merges <= 1) break;
-  }
+  if (Quor::detail::listSorted(slot.h, before, next)) return;
+  NotifieeConst* const list = Quor::detail::sortList(slot.h, before, next);
   NotifieeConst* prev = nullptr;
   for (NotifieeConst* n = list; n; n = n->next_) {
     n->prev_ = prev;

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include <Quor/IndexTable.h>
+#include <Quor/ListSort.h>
 #include <Quor/OrderedIndex.h>
 
 namespace {
@@ -107,6 +108,36 @@ TEST(Containers, IndexTableAgreesWithAHashMap) {
         ASSERT_TRUE(model.count(t.firstFrom(U32(rng()))));
       }
     }
+  }
+}
+
+// Sorted like std::stable_sort, whatever the length and the number of equal keys.
+TEST(Containers, ListSortIsAStableSort) {
+  unsigned const seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937_64 rng(seed);
+  struct Node {
+    int key;
+    int id;
+    Node* next;
+  };
+  for (int round = 0; round < 300; ++round) {
+    std::vector<Node> nodes(rng() % 70);
+    int const keys = 1 + int(rng() % 10);
+    bool const presorted = rng() % 4 == 0;
+    for (std::size_t i = 0; i < nodes.size(); ++i)
+      nodes[i] = Node{presorted ? int(i) / 3 : int(rng() % keys), int(i), i + 1 < nodes.size() ? &nodes[i + 1] : nullptr};
+    std::vector<Node> model = nodes;
+    std::stable_sort(model.begin(), model.end(), [](Node const& a, Node const& b) { return a.key < b.key; });
+    auto before = [](Node const* a, Node const* b) { return a->key < b->key; };
+    auto next = [](Node* n) -> Node*& { return n->next; };
+    Node* n = Quor::detail::sortList(nodes.empty() ? nullptr : &nodes[0], before, next);
+    for (auto const& m : model) {
+      ASSERT_NE(n, nullptr);
+      ASSERT_EQ(n->id, m.id);
+      n = n->next;
+    }
+    ASSERT_EQ(n, nullptr);
   }
 }
 
