@@ -57,6 +57,10 @@ Quor::LogHandle mirrorSinkDropped("MIRROR_SINK_DROPPED", Quor::LogSeverity::warn
                                   "Mirror %s dropped a sink %u bytes behind (%s)",
                                   "A sink read too slowly or its connection failed; it resynchronises on reconnect.",
                                   "Look for a stalled mirror process, or raise maxBacklogBytes.", 1.0, 10.0);
+Quor::LogHandle mirrorAcceptError("MIRROR_ACCEPT_ERROR", Quor::LogSeverity::error,
+                                  "Mirror %s cannot accept sinks (%s); accepting pauses",
+                                  "The process or the system has no descriptor or memory left for a connection.",
+                                  "Raise the descriptor limit, or look for what holds descriptors.", 10.0, 3.0);
 Quor::LogHandle mirrorSourceUnreachable("MIRROR_SOURCE_UNREACHABLE", Quor::LogSeverity::warning,
                                         "Mirror of %s cannot connect (%s); retrying every %g s",
                                         "The source process is not running or not listening yet.",
@@ -71,8 +75,18 @@ struct MirrorSourceSm::Served {
 
 class MirrorSourceSm::QuorListenFd
     : public Quor::OwnerDescriptorReactor<MirrorSourceSm, QuorListenFd, &MirrorSourceSm::handleAccept> {
+ public:
   using OwnerDescriptorReactor::OwnerDescriptorReactor;
+  Quor::Ptr<Quor::FileDescriptor> fd;  // the notifier, writable
 };
+
+class MirrorSourceSm::QuorResume : public Quor::OwnerClockReactor<MirrorSourceSm, &MirrorSourceSm::handleResume> {
+  using OwnerClockReactor::OwnerClockReactor;
+};
+
+void MirrorSourceSm::handleResume() {
+  if (listener_) listener_->fd->notifyOnReadableIs(true);
+}
 
 class MirrorSourceSm::QuorFlush : public Quor::OwnerClockReactor<MirrorSourceSm, &MirrorSourceSm::handleFlush> {
   using OwnerClockReactor::OwnerClockReactor;
@@ -83,6 +97,7 @@ class MirrorSourceSm::QuorPeer
                                           &MirrorSourceSm::handlePeerWritable> {
  public:
   using OwnerDescriptorReactor::OwnerDescriptorReactor;
+  Quor::Ptr<Quor::FileDescriptor> fd;  // the notifier, writable
   std::string out;       // queued bytes not yet taken by the socket
   std::size_t sent = 0;  // of out
   std::size_t queued() const { return out.size() - sent; }
@@ -109,9 +124,13 @@ Quor::Ptr<MirrorSourceSm> mirrorSourceSmFactory(Quor::Name const& name,
   fdEntity->descriptorIs(fd);
   fdEntity->notifyOnReadableIs(true);
   s->listener_ = new MirrorSourceSm::QuorListenFd(s.ptr());
+  s->listener_->fd = fdEntity;
   s->listener_->notifierIs(fdEntity);
+  auto clock = Quor::clockFactory(Quor::Name("mirror " + name.str()), s->activity_);
   s->flush_ = new MirrorSourceSm::QuorFlush(s.ptr());
-  s->flush_->notifierIs(Quor::clockFactory(Quor::Name("mirror " + name.str()), s->activity_));
+  s->flush_->notifierIs(clock);
+  s->resume_ = new MirrorSourceSm::QuorResume(s.ptr());
+  s->resume_->notifierIs(clock);
   s->initializedIs(true);
   return s;
 }
@@ -203,7 +222,7 @@ void MirrorSourceSm::flush(QuorPeer& p) {
     p.out.erase(0, p.sent);
     p.sent = 0;
   }
-  Quor::Ptr<Quor::FileDescriptor>(const_cast<Quor::FileDescriptor*>(fd.ptr()))->notifyOnWritableIs(p.queued() > 0);
+  p.fd->notifyOnWritableIs(p.queued() > 0);
 }
 
 void MirrorSourceSm::handleAccept(QuorListenFd* l) {
@@ -211,14 +230,21 @@ void MirrorSourceSm::handleAccept(QuorListenFd* l) {
     int const fd = ::accept4(l->notifier()->descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR) continue;
-      // EAGAIN: nothing left. Anything else (descriptors exhausted) is retried on the
-      // next readable turn; the sink retries its connect in any case.
+      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED) return;
+      // No descriptor or memory left: the listener stays readable, so retrying at
+      // every turn would spin. Accepting pauses; sinks retry their connects meanwhile.
+      if (!acceptFailing_) mirrorAcceptError.log(name().charPtr(), std::strerror(errno));
+      acceptFailing_ = true;
+      l->fd->notifyOnReadableIs(false);
+      resume_->timeMinIs(Quor::now() + 0.1);
       return;
     }
+    acceptFailing_ = false;
     auto fdEntity = Quor::fileDescriptorFactory(Quor::Name("mirror peer " + std::to_string(fd)), activity_);
     fdEntity->descriptorIs(fd);
     fdEntity->notifyOnReadableIs(true);
     Quor::Ptr<QuorPeer> p = new QuorPeer(this);
+    p->fd = fdEntity;
     p->notifierIs(fdEntity);
     peers_.push_back(p);
     QUOR_TRACE(traceHandle, 1, name() << " sink connected, fd " << fd);
@@ -246,7 +272,8 @@ void MirrorSourceSm::dropPeer(QuorPeer* p, char const* why) {
     mirrorSinkDropped.log(name().charPtr(), static_cast<unsigned>(p->queued()), why);
   Quor::Ptr<QuorPeer> const keep(p);
   p->ownerIs(nullptr);
-  p->notifierIs(nullptr);  // the descriptor entity goes, and closes the socket
+  p->notifierIs(nullptr);
+  p->fd = nullptr;  // the descriptor entity goes, and closes the socket
   std::erase(peers_, keep);
 }
 
@@ -255,6 +282,7 @@ void MirrorSourceSm::handleDel() {
   for (auto const& p : peers_) {
     p->ownerIs(nullptr);
     p->notifierIs(nullptr);
+    p->fd = nullptr;
   }
   peers_.clear();
   if (flush_) {
@@ -262,9 +290,15 @@ void MirrorSourceSm::handleDel() {
     flush_->notifierIs(nullptr);
     flush_ = nullptr;
   }
+  if (resume_) {
+    resume_->ownerIs(nullptr);
+    resume_->notifierIs(nullptr);
+    resume_ = nullptr;
+  }
   if (listener_) {
     listener_->ownerIs(nullptr);
     listener_->notifierIs(nullptr);
+    listener_->fd = nullptr;
     listener_ = nullptr;
   }
 }

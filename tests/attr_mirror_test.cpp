@@ -1,5 +1,6 @@
 // Mirrors of directories between a source and a sink, over real sockets, in virtual time.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -200,6 +201,35 @@ TEST_F(AttrMirrorTest, CommandWordsOfAnotherAgentFollowItsCallbacks) {
   settle();
   using Words = std::map<Quor::String8, Quor::String8>;
   EXPECT_EQ(words->agentSocketCallbackMap(), (Words{{"stats", "stats cb"}}));
+}
+
+// With no descriptor left the listener stays readable: accepting must pause, not spin
+// (under virtual time a spinning loop would never reach the deadline), and say so once.
+TEST_F(AttrMirrorTest, NoDescriptorLeftPausesAcceptingAndReportsOnce) {
+  if (VellTest::sanitized) GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+  auto source = Vell::mirrorSourceSmFactory(name);
+  int const client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::string const path = std::string("\0m", 2) + name;
+  std::memcpy(addr.sun_path, path.data(), path.size());
+  ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&addr), socklen_t(offsetof(sockaddr_un, sun_path) + path.size())), 0);
+  rlimit old{};
+  ::getrlimit(RLIMIT_NOFILE, &old);
+  rlimit low = old;
+  low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 4096);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<int> hogs;
+  for (int fd; (fd = ::dup(0)) >= 0;) hogs.push_back(fd);
+  VellTest::LogCapture logs;
+  loop->runUntil(Quor::now() + 1.0);
+  EXPECT_EQ(source->peers(), 0u);
+  EXPECT_EQ(logs.lines.size(), 1u);
+  for (int fd : hogs) ::close(fd);
+  ::setrlimit(RLIMIT_NOFILE, &old);
+  loop->runUntil(Quor::now() + 0.2);
+  EXPECT_EQ(source->peers(), 1u);
+  ::close(client);
 }
 
 }  // namespace

@@ -49,6 +49,7 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
   class QuorListenFd;
   class QuorPeer;
   class QuorFlush;
+  class QuorResume;
 
   MirrorSourceSm(Quor::Name const& name, Quor::Ptr<Quor::ActivityConfig> const& activity);
   ~MirrorSourceSm() override;
@@ -78,6 +79,7 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
   void handlePeerReadable(QuorPeer* p);
   void handlePeerWritable(QuorPeer* p);
   void handleFlush();
+  void handleResume();
 
  protected:
   void handleDel() override;
@@ -92,6 +94,8 @@ class QUOR_API MirrorSourceSm : public Quor::Entity {
   Quor::Ptr<Quor::ActivityConfig> activity_;
   Quor::Ptr<QuorListenFd> listener_;
   Quor::Ptr<QuorFlush> flush_;
+  Quor::Ptr<QuorResume> resume_;
+  bool acceptFailing_ = false;  // reported once per episode
   std::map<Quor::Name, std::unique_ptr<Served>> served_;
   std::vector<Quor::Ptr<QuorPeer>> peers_;
   U32 maxBacklogBytes_ = 64u << 20;
