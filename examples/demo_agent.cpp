@@ -26,7 +26,7 @@
 #include <string>
 
 #include <Quor/Quor.h>
-#include <Vell/AgentInspector.h>
+#include <Vell/AgentExplorer.h>
 #include <Vell/AgentSocketHandler.h>
 #include <Vell/AttrMirror.h>
 #include <Vell/BestFitAllocator.h>
@@ -505,7 +505,7 @@ int main(int argc, char** argv) {
   heartbeat->onBeat = [&](unsigned long n) { blocks.beat(n); };
 
   // One line per entity that `show` serves.
-  auto intro = Vell::agentInspectorFactory(demo.socket());
+  auto intro = Vell::agentExplorerFactory(demo.socket());
   auto figures = Quor::makeEntity<DemoFigures>(demo, loop, *heartbeat, blocks);
   intro->entityIs("demo", figures);
   intro->entityIs("socket", demo.socket());
@@ -528,6 +528,6 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   loop->run();
   std::printf("demo agent: stopped after %u commands\n", demo.served());
-  demo.socket()->agentSocketCallbackDelAll();  // the inspector's callbacks hold it
+  demo.socket()->agentSocketCallbackDelAll();  // the explorer's callbacks hold it
   return 0;
 }

@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include <Vell/AgentInspector.h>
+#include <Vell/AgentExplorer.h>
 #include <Vell/AgentSocketHandler.h>
 #include <Vell/BestFitAllocator.h>
 #include <Vell/HTimerWheel.h>
@@ -227,9 +227,9 @@ TEST(AttrStream, GenericReadsAndWritesGoThroughTheMutators) {
   r->notifierIs(nullptr);
 }
 
-TEST(AttrStream, InspectorShowsAndSetsByName) {
+TEST(AttrStream, ExplorerShowsAndSetsByName) {
   auto h = Vell::agentSocketHandlerSmFactory("vell-intro-" + std::to_string(getpid()));
-  auto intro = Vell::agentInspectorFactory(h);
+  auto intro = Vell::agentExplorerFactory(h);
   EXPECT_TRUE(h->agentSocketCallback("show") && h->agentSocketCallback("set"));
   auto statuses = Vell::xactStatusDirFactory("exec-a");
   statuses->xactStatusIs(Vell::XactStatus(4, Vell::xactFailure, "disk full", 2));
@@ -240,7 +240,7 @@ TEST(AttrStream, InspectorShowsAndSetsByName) {
             "xactStatus[4] Value('Vell::XactStatus', ** {'id': 4, 'result': xactFailure, 'comment': 'disk full', "
             "'statusVersion': 2})\n");
   EXPECT_EQ(intro->show("socket maxClients"), "64\n");
-  EXPECT_EQ(intro->show("socket agentSocketCallback"), "'set' 'inspector set'\n'show' 'inspector show'\n");
+  EXPECT_EQ(intro->show("socket agentSocketCallback"), "'set' 'explorer set'\n'show' 'explorer show'\n");
   EXPECT_EQ(intro->set("socket maxClients 8\n"), "ok\n");
   EXPECT_EQ(h->maxClients(), 8u);
   EXPECT_EQ(intro->set("socket maxClients 0"), "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed\n");
@@ -248,9 +248,9 @@ TEST(AttrStream, InspectorShowsAndSetsByName) {
   EXPECT_EQ(intro->show("nobody"), "no entity 'nobody'\n");
   EXPECT_EQ(intro->set("socket maxClients"), "usage: set NAME ATTR VALUE\n");
   EXPECT_EQ(VellTest::rangeText([&] { intro->entityIs("two words", h); }),
-            "inspector name 'two words' must be one word");
+            "explorer name 'two words' must be one word");
   intro->entityDel("socket");
-  h->agentSocketCallbackDelAll();  // the callbacks hold the inspector
+  h->agentSocketCallbackDelAll();  // the callbacks hold the explorer
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // "show" and "set" over the command socket, through the generic attribute interface.
-#include <Vell/AgentInspector.h>
+#include <Vell/AgentExplorer.h>
 
 #include <sstream>
 
@@ -23,11 +23,11 @@ std::vector<std::string> words(std::string_view args, std::size_t most) {
   return out;
 }
 
-// The callback behind one word; it holds its inspector, which does not hold it.
-class InspectorCallback : public AgentSocketCallback {
+// The callback behind one word; it holds its explorer, which does not hold it.
+class ExplorerCallback : public AgentSocketCallback {
  public:
-  InspectorCallback(Quor::String8 const& word, Quor::Ptr<AgentInspector> const& intro)
-      : AgentSocketCallback(Quor::Name("inspector " + word.str()), word), intro_(intro) {}
+  ExplorerCallback(Quor::String8 const& word, Quor::Ptr<AgentExplorer> const& intro)
+      : AgentSocketCallback(Quor::Name("explorer " + word.str()), word), intro_(intro) {}
   // NOLINTNEXTLINE(performance-unnecessary-value-param): the virtual interface takes the text by value
   void handleCommand(unsigned int descriptor, Quor::String8 args) override {
     std::string const reply = commandType() == "set" ? intro_->set(args.str()) : intro_->show(args.str());
@@ -35,25 +35,25 @@ class InspectorCallback : public AgentSocketCallback {
   }
 
  private:
-  Quor::Ptr<AgentInspector> intro_;
+  Quor::Ptr<AgentExplorer> intro_;
 };
 }  // namespace
 
-void AgentInspector::serve(Quor::Name const& name, Served s) {
+void AgentExplorer::serve(Quor::Name const& name, Served s) {
   if (name.str().find_first_of(" \t\n") != std::string::npos || name.size() == 0)
-    Quor::throwRangeException(Quor::String8("inspector name '" + name.str() + "' must be one word"));
-  Quor::checkNotNull("Vell::AgentInspector", "entity", s.object);
+    Quor::throwRangeException(Quor::String8("explorer name '" + name.str() + "' must be one word"));
+  Quor::checkNotNull("Vell::AgentExplorer", "entity", s.object);
   if (!s.object->fwkType()) Quor::throwRangeException(Quor::String8(name.str() + " has no type record"));
   served_[name] = std::move(s);
 }
 
-void AgentInspector::entityDel(Quor::Name const& name) { served_.erase(name); }
+void AgentExplorer::entityDel(Quor::Name const& name) { served_.erase(name); }
 
-Quor::GenericIf AgentInspector::generic(Served const& s) const {
+Quor::GenericIf AgentExplorer::generic(Served const& s) const {
   return s.writable ? Quor::GenericIf(Quor::Ptr<Quor::PtrInterface>(s.writable)) : Quor::GenericIf(s.object);
 }
 
-std::string AgentInspector::show(std::string_view args) const {
+std::string AgentExplorer::show(std::string_view args) const {
   auto const w = words(args, 3);
   if (w.empty()) {
     std::string out;
@@ -82,7 +82,7 @@ std::string AgentInspector::show(std::string_view args) const {
   }
 }
 
-std::string AgentInspector::set(std::string_view args) {
+std::string AgentExplorer::set(std::string_view args) {
   auto const w = words(args, 3);
   if (w.size() < 3) return "usage: set NAME ATTR VALUE\n";
   auto it = served_.find(Quor::Name(w[0]));
@@ -96,11 +96,11 @@ std::string AgentInspector::set(std::string_view args) {
   }
 }
 
-Quor::Ptr<AgentInspector> agentInspectorFactory(Quor::Ptr<AgentSocketHandlerSm> const& handler) {
-  Quor::checkNotNull("Vell::AgentInspector", "handler", handler);
-  auto intro = Quor::makeEntity<AgentInspector>(Quor::Name("inspector of " + handler->name().str()));
+Quor::Ptr<AgentExplorer> agentExplorerFactory(Quor::Ptr<AgentSocketHandlerSm> const& handler) {
+  Quor::checkNotNull("Vell::AgentExplorer", "handler", handler);
+  auto intro = Quor::makeEntity<AgentExplorer>(Quor::Name("explorer of " + handler->name().str()));
   for (char const* word : {"show", "set"}) {
-    Quor::Ptr<AgentSocketCallback> cb(new InspectorCallback(word, intro));
+    Quor::Ptr<AgentSocketCallback> cb(new ExplorerCallback(word, intro));
     cb->hasNotificationActiveIs(true);
     handler->agentSocketCallbackIs(cb);
   }

@@ -1,4 +1,4 @@
-// The inspector: over the command socket, any entity an agent hands over can be read,
+// The explorer: over the command socket, any entity an agent hands over can be read,
 // and its writable attributes set, by name, with no code of the agent's own.
 //
 //   vellctl AGENT show                    the names handed over, one a line
@@ -10,7 +10,7 @@
 //                                         texts and notifications as usual; replies "ok"
 //                                         or the error's text
 //
-// Registered in one line: agentInspectorFactory(handler) adds the words "show" and
+// Registered in one line: agentExplorerFactory(handler) adds the words "show" and
 // "set" to the handler; then entityIs("wheel", wheel) for each entity to serve. An
 // entity handed over const (Ptr<T const>) is read-only: a set answers "attempting to
 // modify a const instance".
@@ -26,9 +26,9 @@
 
 namespace Vell {
 
-class QUOR_API AgentInspector : public Quor::Entity {
+class QUOR_API AgentExplorer : public Quor::Entity {
  public:
-  explicit AgentInspector(Quor::Name const& name) : Quor::Entity(name) {}
+  explicit AgentExplorer(Quor::Name const& name) : Quor::Entity(name) {}
 
   /// Serves e under `name` (one word: a name with a blank throws RangeException),
   /// replacing any other of that name. Throws for an object without a type record.
@@ -56,8 +56,8 @@ class QUOR_API AgentInspector : public Quor::Entity {
   std::map<Quor::Name, Served> served_;
 };
 
-/// An inspector served through `handler` under the words "show" and "set"
+/// An explorer served through `handler` under the words "show" and "set"
 /// (replacing callbacks of those words).
-QUOR_API Quor::Ptr<AgentInspector> agentInspectorFactory(Quor::Ptr<AgentSocketHandlerSm> const& handler);
+QUOR_API Quor::Ptr<AgentExplorer> agentExplorerFactory(Quor::Ptr<AgentSocketHandlerSm> const& handler);
 
 }  // namespace Vell
