@@ -339,7 +339,7 @@ void MirrorSinkSm::retryIntervalIs(Quor::Seconds s) {
 Quor::Ptr<Quor::Entity> MirrorSinkSm::mirrorIs(Quor::Name const& n, Quor::TypeRecord const& type) {
   auto it = mirrors_.find(n);
   if (it != mirrors_.end()) {
-    if (it->second->fwkType() != &type)
+    if (it->second->fwkType()->name != type.name)  // records may be per shared object: compare names
       Quor::throwNameInUseException(Quor::String8(n.str() + " is mirrored as " + it->second->fwkType()->name));
     return it->second;
   }

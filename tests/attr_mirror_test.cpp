@@ -186,7 +186,8 @@ TEST_F(AttrMirrorTest, BoundsAndRefusals) {
   auto sink = Vell::mirrorSinkSmFactory(name, clock);
   EXPECT_EQ(VellTest::rangeText([&] { sink->retryIntervalIs(0); }),
             "MirrorSinkSm::retryInterval < 0.001 or > 3600 not allowed");
-  sink->mirror<Vell::XactConfigDir>("a");
+  auto const a = sink->mirror<Vell::XactConfigDir>("a");
+  EXPECT_EQ(sink->mirror<Vell::XactConfigDir>("a"), a);  // asked again: the same copy
   try {
     sink->mirror<Vell::XactStatusDir>("a");
     ADD_FAILURE() << "no exception";
