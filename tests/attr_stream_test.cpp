@@ -179,10 +179,12 @@ TEST(AttrStream, DamagedRecordsAreRefusedNeverMisread) {
   }
   EXPECT_GT(refused, 100);
   // The texts name what went wrong.
-  In unknown(std::string("V\0\0\0\x03" "Foo", 8));
+  std::string const unknownBytes("V\0\0\0\x03" "Foo", 8);  // In reads from bytes it does not own
+  In unknown(unknownBytes);
   EXPECT_EQ(VellTest::rangeText([&] { Quor::nboRecordText(unknown); }),
             "NboAttrLog: unknown value type 'Foo' at offset 8");
-  In huge(std::string("V\xff\xff\xff\xff", 5));
+  std::string const hugeBytes("V\xff\xff\xff\xff", 5);
+  In huge(hugeBytes);
   EXPECT_EQ(VellTest::rangeText([&] { Quor::nboRecordText(huge); }),
             "NboAttrLog: string length 4294967295 with 0 bytes left at offset 5");
 }
