@@ -419,9 +419,10 @@ class DemoFigures : public Quor::Entity {
   using U64 = Vell::U64;
 
  public:
-  DemoFigures(DemoAgent const& demo, Quor::Ptr<Quor::ActivitySm> loop, Heartbeat const& beat, Blocks const& blocks)
-      : Quor::Entity("demo"), demo_(demo), loop_(std::move(loop)), beat_(beat), blocks_(blocks) {}
-  unsigned commandsServed() const { return demo_.served(); }
+  DemoFigures(DemoAgent const& demo, Vell::AgentExplorer const& explorer, Quor::Ptr<Quor::ActivitySm> loop,
+              Heartbeat const& beat, Blocks const& blocks)
+      : Quor::Entity("demo"), demo_(demo), explorer_(explorer), loop_(std::move(loop)), beat_(beat), blocks_(blocks) {}
+  U64 commandsServed() const { return demo_.served() + explorer_.requests(); }
   Quor::Seconds uptimeSeconds() const { return demo_.uptime(); }
   U64 clockTicks() const { return beat_.beats(); }
   U64 armedClockReactors() const { return loop_->armedClockReactors(); }
@@ -454,6 +455,7 @@ class DemoFigures : public Quor::Entity {
 
  private:
   DemoAgent const& demo_;
+  Vell::AgentExplorer const& explorer_;
   Quor::Ptr<Quor::ActivitySm> loop_;
   Heartbeat const& beat_;
   Blocks const& blocks_;
@@ -506,7 +508,7 @@ int main(int argc, char** argv) {
 
   // One line per entity that `show` serves.
   auto intro = Vell::agentExplorerFactory(demo.socket());
-  auto figures = Quor::makeEntity<DemoFigures>(demo, loop, *heartbeat, blocks);
+  auto figures = Quor::makeEntity<DemoFigures>(demo, *intro, loop, *heartbeat, blocks);
   intro->entityIs("demo", figures);
   intro->entityIs("socket", demo.socket());
   intro->entityIs("bitmap", blocks.bitmap);

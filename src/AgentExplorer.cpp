@@ -54,6 +54,7 @@ Quor::GenericIf AgentExplorer::generic(Served const& s) const {
 }
 
 std::string AgentExplorer::show(std::string_view args) const {
+  ++requests_;
   auto const w = words(args, 3);
   if (w.empty()) {
     std::string out;
@@ -83,6 +84,7 @@ std::string AgentExplorer::show(std::string_view args) const {
 }
 
 std::string AgentExplorer::set(std::string_view args) {
+  ++requests_;
   auto const w = words(args, 3);
   if (w.size() < 3) return "usage: set NAME ATTR VALUE\n";
   auto it = served_.find(Quor::Name(w[0]));

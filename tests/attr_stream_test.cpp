@@ -251,6 +251,7 @@ TEST(AttrStream, ExplorerShowsAndSetsByName) {
   EXPECT_EQ(intro->set("socket maxClients"), "usage: set NAME ATTR VALUE\n");
   EXPECT_EQ(VellTest::rangeText([&] { intro->entityIs("two words", h); }),
             "explorer name 'two words' must be one word");
+  EXPECT_EQ(intro->requests(), 9u);
   intro->entityDel("socket");
   h->agentSocketCallbackDelAll();  // the callbacks hold the explorer
 }

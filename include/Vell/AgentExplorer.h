@@ -40,6 +40,11 @@ class QUOR_API AgentExplorer : public Quor::Entity {
   }
   void entityDel(Quor::Name const& name);
   std::size_t entities() const { return served_.size(); }
+  /// Requests answered ("show" and "set" together).
+  U64 requests() const { return requests_; }
+
+  QUOR_ENTITY_TYPE(AgentExplorer, "Vell::AgentExplorer", Quor::attr("entities", &AgentExplorer::entities),
+                   Quor::attr("requests", &AgentExplorer::requests))
 
   /// The replies, as the command words give them (for tests and other transports).
   std::string show(std::string_view args) const;
@@ -54,6 +59,7 @@ class QUOR_API AgentExplorer : public Quor::Entity {
 
   Quor::GenericIf generic(Served const& s) const;
   std::map<Quor::Name, Served> served_;
+  mutable U64 requests_ = 0;  // show() is a reader, yet counts
 };
 
 /// An explorer served through `handler` under the words "show" and "set"
