@@ -285,16 +285,8 @@ void MirrorSourceSm::handleDel() {
     p->fd = nullptr;
   }
   peers_.clear();
-  if (flush_) {
-    flush_->ownerIs(nullptr);
-    flush_->notifierIs(nullptr);
-    flush_ = nullptr;
-  }
-  if (resume_) {
-    resume_->ownerIs(nullptr);
-    resume_->notifierIs(nullptr);
-    resume_ = nullptr;
-  }
+  Quor::releaseOwnerReactor(flush_);
+  Quor::releaseOwnerReactor(resume_);
   if (listener_) {
     listener_->ownerIs(nullptr);
     listener_->notifierIs(nullptr);
@@ -408,11 +400,7 @@ void MirrorSinkSm::handleClock() { doConnect(); }
 
 void MirrorSinkSm::lost(char const* why) {
   QUOR_TRACE(traceHandle, 1, name() << " link lost: " << why);
-  if (conn_) {
-    conn_->ownerIs(nullptr);
-    conn_->notifierIs(nullptr);
-    conn_ = nullptr;
-  }
+  Quor::releaseOwnerReactor(conn_);
   in_.clear();
   inCopy_ = false;
   copy_.clear();
@@ -520,16 +508,8 @@ void MirrorSinkSm::applyCopy() {
 }
 
 void MirrorSinkSm::handleDel() {
-  if (conn_) {
-    conn_->ownerIs(nullptr);
-    conn_->notifierIs(nullptr);
-    conn_ = nullptr;
-  }
-  if (clock_) {
-    clock_->ownerIs(nullptr);
-    clock_->notifierIs(nullptr);
-    clock_ = nullptr;
-  }
+  Quor::releaseOwnerReactor(conn_);
+  Quor::releaseOwnerReactor(clock_);
 }
 
 }  // namespace Vell

@@ -54,4 +54,14 @@ class OwnerDescriptorReactor : public FileDescriptor::NotifieeConst {
   Owner* owner_;
 };
 
+/// Detaches an owner's reactor from its owner and its notifier and lets it go; a null
+/// reactor is left alone. What every owner does with its reactors when it is deleted.
+template <class R>
+void releaseOwnerReactor(Ptr<R>& r) {
+  if (!r) return;
+  r->ownerIs(nullptr);
+  r->notifierIs(nullptr);
+  r = nullptr;
+}
+
 }  // namespace Quor
