@@ -17,6 +17,7 @@ suite with ctest and puts the file back. A fault is:
 The exit status is 0 when every fault that applied was caught, 1 otherwise.
 """
 import argparse
+import json
 import os
 import shutil
 import subprocess
@@ -110,6 +111,7 @@ def main():
     ap.add_argument("--list", action="store_true", help="list the faults and their anchors")
     ap.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
     ap.add_argument("--test-timeout", type=int, default=600, help="seconds for one whole ctest run")
+    ap.add_argument("--report", default="", help="also write every fault's verdict and failing tests here (JSON)")
     args = ap.parse_args()
 
     faults = load_faults(args.faults)
@@ -168,6 +170,10 @@ def main():
         print(f"{f['id']:3} {verdict:9}  {f['file']}: {f['what']}  [{time.time() - start:.0f}s] {shown}",
               flush=True)
     run(build_cmd, ROOT, 1800)  # leave the copy built as it was
+    if args.report:
+        with open(args.report, "w", encoding="utf-8") as out_f:
+            json.dump([{"id": f["id"], "file": f["file"], "what": f["what"], "verdict": v, "failed": names}
+                       for f, v, names in results], out_f, indent=1)
 
     counts = {}
     for _, v, _ in results:
