@@ -429,8 +429,6 @@ TEST_F(AgentSocketTest, CallbackMayUnregisterItselfAndDropTheHandler) {
 TEST_F(AgentSocketServeTest, AbruptSequentialAndConcurrentClientsLeakNothing) {
   addRecorder("ping");
   auto const before = openDescriptors();
-  for (int i = 0; i < 3; ++i) ::close(connectTo(name));
-  ASSERT_TRUE(loop()->runUntil([&] { return handler->agentsockFd()->readableCount() >= 3 && handler->clients() == 0; }, 5));
 
   // 10,000 clients one after another: most ask and read; some hang up at once, or send
   // random bytes and leave without reading. The agent's memory stays flat.
@@ -507,25 +505,14 @@ TEST_F(AgentSocketTest, LimitsAreBoundedAttributesThatNotifyOnChange) {
   EXPECT_EQ(handler->maxClients(), 64u);
   EXPECT_EQ(handler->sendTimeout(), 2.0);
   EXPECT_EQ(handler->peerPolicy(), Vell::peerAnyone);
-  struct Bad {
-    std::function<void()> set;
-    char const* text;
-  } const bad[] = {
-      {[&] { handler->requestTimeoutIs(0); }, "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed"},
-      {[&] { handler->requestTimeoutIs(1e9); }, "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed"},
-      {[&] { handler->maxClientsIs(0); }, "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed"},
-      {[&] { handler->sendTimeoutIs(-1); }, "AgentSocketHandlerSm::sendTimeout < 0.001 or > 3600 not allowed"},
-      {[&] { handler->peerPolicyIs(static_cast<Vell::AgentSocketPeerPolicy>(9)); },
-       "AgentSocketHandlerSm::peerPolicy 9 not allowed"},
-  };
-  for (auto const& b : bad) {
-    try {
-      b.set();
-      ADD_FAILURE() << "no exception for " << b.text;
-    } catch (Quor::RangeException const& e) {
-      EXPECT_EQ(std::string(e.what()), b.text);
-    }
-  }
+  using VellTest::rangeText;
+  std::string const request = "AgentSocketHandlerSm::requestTimeout < 0.001 or > 86400 not allowed";
+  EXPECT_EQ(rangeText([&] { handler->requestTimeoutIs(0); }), request);
+  EXPECT_EQ(rangeText([&] { handler->requestTimeoutIs(1e9); }), request);
+  EXPECT_EQ(rangeText([&] { handler->maxClientsIs(0); }), "AgentSocketHandlerSm::maxClients < 1 or > 65536 not allowed");
+  EXPECT_EQ(rangeText([&] { handler->sendTimeoutIs(-1); }), "AgentSocketHandlerSm::sendTimeout < 0.001 or > 3600 not allowed");
+  EXPECT_EQ(rangeText([&] { handler->peerPolicyIs(static_cast<Vell::AgentSocketPeerPolicy>(9)); }),
+            "AgentSocketHandlerSm::peerPolicy 9 not allowed");
   EXPECT_EQ(handler->requestTimeout(), 5.0);
   EXPECT_EQ(handler->maxClients(), 64u);
   EXPECT_EQ(counter->changes, 0);

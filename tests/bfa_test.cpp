@@ -212,24 +212,6 @@ TEST(BestFitAllocator, AgreesWithModelAndKeepsDataUnderRandomChurn) {
   EXPECT_GT(overlaps, 0u) << "no move overlapped its source: that case went untested";
 }
 
-// Thousands of free runs: the run index grows several levels, then shrinks back to a
-// single run as every block goes, in random order; three times over.
-TEST(BestFitAllocator, ManyRunsGrowAndShrinkTheIndex) {
-  Harness h(40000, 3, 4, 7);
-  for (int cycle = 0; cycle < 3 && !testing::Test::HasFailure(); ++cycle) {
-    for (BlkPtr b; (b = h.a->alloc(h.rnd(1, 4)));) h.took(b);
-    std::shuffle(h.held.begin(), h.held.end(), h.rng);
-    for (std::size_t n = h.held.size() / 2, i = 0; i < n; ++i) h.drop(h.held.size() - 1);
-    EXPECT_GT(h.a->freeBlkStartIndexToSzs(), 3000u);  // several levels of 32 entries
-    for (int i = 0; i < 700; ++i)
-      if (h.step(), i % 100 == 0) walk(*h.a, h.m);
-    std::shuffle(h.held.begin(), h.held.end(), h.rng);
-    while (!h.held.empty())
-      if (h.drop(h.held.size() - 1), h.held.size() % 300 == 0) walk(*h.a, h.m);
-  }
-}
-
-
 TEST(BestFitAllocator, CornerCasesAndResizing) {
   Harness d(1000, 50, 100, 1);  // runs: 90 at 10, 170 at 130, 640 at 360; no sized run holds 100
   d.alloc(10), d.realloc(100, 30), d.realloc(300, 60), d.alloc(100);
@@ -267,7 +249,6 @@ TEST(BestFitAllocator, CornerCasesAndResizing) {
 }
 
 TEST(BestFitAllocatorText, ValuesPrintAndParseBack) {
-  EXPECT_EQ(Vell::valueToStrep(Vell::BFA::JumboFreeBlk(70, 3)), "Value('Vell::BFA::JumboFreeBlk', ** {'blkSz': 70, 'startIndex': 3})");
   auto a = Vell::bestFitAllocatorFactory("text", 100, 10, 30);
   BlkPtr const b = a->alloc(20);
   std::string const text = Vell::valueToStrep(Vell::BFA::PendingCmd(15, b)).str();
@@ -279,9 +260,7 @@ TEST(BestFitAllocatorText, ValuesPrintAndParseBack) {
     EXPECT_EQ(Vell::valueToStrep(back).str(), text);
   }
   EXPECT_EQ(a->numFreeEntries(), 80u);
-  Vell::BFA::PendingCmd const none;
-  EXPECT_EQ(Vell::valueToStrep(none), "Value('Vell::BFA::PendingCmd', ** {'oldIndex': 0, 'blk': None})");
-  EXPECT_EQ(Quor::strepToValue<Vell::BFA::PendingCmd>(Vell::valueToStrep(none)), none);
+  EXPECT_EQ(Vell::valueToStrep(Vell::BFA::PendingCmd()), "Value('Vell::BFA::PendingCmd', ** {'oldIndex': 0, 'blk': None})");
   char const* const badBlk = "Value('Vell::BFA::PendingCmd', ** {'blk': Value('Vell::BFA::Blk', ** {'at': 1})})";
   EXPECT_EQ(rangeText([&] { Quor::strepToValue<Vell::BFA::PendingCmd>(badBlk); }), "Blk has no such attribute: at in attribute blk");
 }

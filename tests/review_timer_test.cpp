@@ -9,6 +9,8 @@
 
 #include <Vell/ReviewTimer.h>
 
+#include "TestSupport.h"
+
 namespace {
 
 using Quor::Seconds;
@@ -59,39 +61,18 @@ class ReviewTimerTest : public ::testing::Test {
   std::tuple<Seconds, U32, double> state() const { return {reviewer->timeMin(), timer->credits(), timer->delay()}; }
 };
 
-TEST_F(ReviewTimerTest, BackOffRefillPendingAndImmediate) {
+// The documented back-off; refills, pending reviews and the override are the model's.
+TEST_F(ReviewTimerTest, BackOffDoublesTheDelayUpToItsCeiling) {
   make(3, 1, 8);
-  std::vector<std::string> traces;
-  Quor::traceLevelIs("ReviewTimer", 9);
-  Quor::traceSinkIs([&](Quor::TraceRecord const& r) { traces.push_back(r.text); });
+  VellTest::TraceCapture traces("ReviewTimer");
   reviewer->moreWork = true;
   timer->doUpdateNextReview();
-  Quor::traceLevelIs("ReviewTimer", -1);
-  Quor::traceSinkIs({});
-  EXPECT_EQ(traces, std::vector<std::string>{"ReviewTimer scheduling at 1000 + 1"});
-
+  EXPECT_EQ(traces.texts(), std::vector<std::string>{"ReviewTimer scheduling at 1000 + 1"});
   // Each review schedules the next with no whole second earned: 1, 2, 4, 8, 8, ...
   loop->runUntil(t0 + 40);
   EXPECT_EQ(reviewer->reviews, (std::vector<Seconds>{t0 + 1, t0 + 3, t0 + 7, t0 + 15, t0 + 23, t0 + 31, t0 + 39}));
   EXPECT_EQ(state(), std::tuple(t0 + 47, 0u, 8.0));
-
-  // A pause of maxCredits seconds after the last review restores the short delay.
-  reviewer->moreWork = false;
-  loop->runUntil(t0 + 47);
-  vt.advance(3);
-  timer->doUpdateNextReview();
-  EXPECT_EQ(state(), std::tuple(t0 + 51, 2u, 1.0));
-
-  vt.advance(0.5);
-  timer->doUpdateNextReview();  // still pending: nothing moves
-  EXPECT_EQ(state(), std::tuple(t0 + 51, 2u, 1.0));
-  timer->doUpdateNextReviewImmediately();  // overrides the pending one; credits and delay stay
-  EXPECT_EQ(state(), std::tuple(t0 + 50.5, 2u, 1.0));
-  loop->runUntil(t0 + 60);
-  EXPECT_EQ(reviewer->reviews.back(), t0 + 50.5);  // once, at once
-  EXPECT_EQ(reviewer->reviews.size(), 9u);
-  timer->doUpdateNextReviewImmediately();  // also arms an idle reactor
-  EXPECT_EQ(reviewer->timeMin(), t0 + 60);
+  reviewer->timeMinIs(Quor::endOfTime);
 }
 
 // Random schedulings, pauses, reviews and overrides, compared step by step with the
