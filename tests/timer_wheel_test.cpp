@@ -295,9 +295,7 @@ TEST_F(TimerWheelTest, BoundsAndTexts) {
     EXPECT_EQ(rangeText([&] { tw->processTimeLimitIs(bad); }), "TimerWheel::processTimeLimit < 0 or > 0.5 not allowed");
   EXPECT_EQ(tw->processTimeLimit(), 0.05);  // the default, unchanged
 
-  // BucketSize prints as a plain number and parses back within its bounds.
-  EXPECT_EQ(Quor::valueToStrep(Vell::BucketSize(256)), "256");
-  EXPECT_EQ(Quor::strepToValue<Vell::BucketSize>("4294967294").value(), 0xfffffffeu);
+  // BucketSize parses within its bounds (its round trip is the value types' test).
   EXPECT_THROW(Quor::strepToValue<Vell::BucketSize>("1"), Quor::RangeException);
   Vell::BucketSize v(7);
   EXPECT_EQ(rangeText([&] { v.valueIs(0xffffffff); }), "BucketSize::value < 2 or > 0xfffffffe not allowed");
