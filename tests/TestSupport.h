@@ -1,11 +1,12 @@
 // Helpers shared by the test programs.
 #pragma once
+#include <random>
 #include <string>
 #include <vector>
 
-#include <Quor/Exception.h>
-#include <Quor/Log.h>
-#include <Quor/Trace.h>
+#include <gtest/gtest.h>
+
+#include <Quor/Quor.h>
 
 namespace VellTest {
 
@@ -66,5 +67,30 @@ struct LogCapture {
   }
   ~LogCapture() { Quor::logSinkIs(nullptr); }
 };
+
+/// Virtual time from 1000 s, the default loop and a clock. Every test ends with the loop as
+/// it found it: no clock reactor left armed, no descriptor left registered. A fixture that
+/// holds entities releases them in its own TearDown, then calls this one.
+class LoopFixture : public ::testing::Test {
+ protected:
+  Quor::VirtualTime vt{1000};
+  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(nullptr);
+  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("test clock");
+  std::size_t const armedBefore = loop->armedClockReactors(), fdsBefore = loop->descriptors();
+  void TearDown() override {
+    EXPECT_EQ(loop->armedClockReactors(), armedBefore) << "a clock reactor was left armed";
+    EXPECT_EQ(loop->descriptors(), fdsBefore) << "a descriptor was left in the loop";
+  }
+};
+
+/// A generator whose seed every failure in the scope names: VELL_SEEDED(rng, seed).
+struct Rng : std::mt19937_64 {
+  using std::mt19937_64::mt19937_64;
+  /// A number in 0 .. n-1.
+  int pick(int n) { return static_cast<int>((*this)() % static_cast<unsigned>(n)); }
+};
+#define VELL_SEEDED(rng, seed)                   \
+  SCOPED_TRACE("seed " + std::to_string(seed)); \
+  ::VellTest::Rng rng(seed)
 
 }  // namespace VellTest

@@ -299,8 +299,7 @@ TEST_F(AgentSocketServeTest, RequestsMatchTheReferenceSplit) {
                     std::string("x\0 y", 4), "a " + std::string(1025, 'y'), "a " + std::string(1026, 'y'),
                     "a " + std::string(5000, 'y')};
   unsigned const seed = std::random_device()();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
+  VELL_SEEDED(rng, seed);
   std::string const alphabet("ab xA\n\r\0", 8);
   for (int round = 0; round < 400; ++round) {
     std::string request(1 + rng() % 10, ' ');
@@ -433,8 +432,7 @@ TEST_F(AgentSocketServeTest, AbruptSequentialAndConcurrentClientsLeakNothing) {
   // 10,000 clients one after another: most ask and read; some hang up at once, or send
   // random bytes and leave without reading. The agent's memory stays flat.
   auto const seed = std::random_device{}();
-  std::mt19937 rng(seed);
-  SCOPED_TRACE("seed " + std::to_string(seed));
+  VELL_SEEDED(rng, seed);
   auto residentPages = [] {
     long size = 0, resident = 0;
     if (FILE* f = std::fopen("/proc/self/statm", "r")) {

@@ -23,11 +23,8 @@ using Vell::U32;
 using Vell::XactConfig;
 using Vell::XactStatus;
 
-class AttrMirrorTest : public ::testing::Test {
+class AttrMirrorTest : public VellTest::LoopFixture {
  protected:
-  Quor::VirtualTime vt{5000};
-  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(Quor::defaultActivityConfig());
-  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("mirror test");
   std::string name = "vell-mirror-test-" + std::to_string(getpid());
   void settle() { loop->runUntil(Quor::now() + 0.01); }
 };
@@ -52,8 +49,7 @@ std::map<U32, U32> contents(Vell::XactConfigDir const& d) {
 
 TEST_F(AttrMirrorTest, MirrorEqualsSourceAfterEveryResyncUnderRandomCuts) {
   unsigned const seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
+  VELL_SEEDED(rng, seed);
   auto source = Vell::mirrorSourceSmFactory(name);
   auto configs = Vell::xactConfigDirFactory("exec-a");
   source->entityIs(configs);

@@ -50,8 +50,7 @@ TEST(AttrStream, EveryValueTypeOfTheLibraryHasARecord) {
 // Random damage to valid records: each is read whole or refused with a RangeException.
 TEST(AttrStream, DamagedRecordsAreRefusedNeverMisread) {
   unsigned const seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937_64 rng(seed);
+  VELL_SEEDED(rng, seed);
   auto dir = Vell::xactStatusDirFactory("exec-a");
   for (int i = 0; i < 20; ++i) dir->xactStatusIs(Vell::XactStatus(Vell::U32(i + 1), Vell::xactFailure, "no", 3));
   Out records;

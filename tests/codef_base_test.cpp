@@ -40,13 +40,9 @@ class Backlog : public VellExample::KeyedBacklog<int, int> {
 // Costs and quanta are binary fractions so that virtual time adds up exactly.
 constexpr Quor::Seconds tick = 1.0 / 512;
 
-class CodefBaseTest : public ::testing::Test {
+class CodefBaseTest : public VellTest::LoopFixture {
  protected:
-  Quor::VirtualTime vt{1000.0};
-  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("codefTest");
-  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(Quor::defaultActivityConfig());
   Calls calls;  // (key, value) in handler order
-  void TearDown() override { EXPECT_EQ(loop->armedClockReactors(), 0u) << "a slice reactor left armed"; }
 
   Quor::Ptr<Backlog> make(Quor::Seconds quantum, Backlog::Handler h) {
     return Quor::makeEntity<Backlog>(clock, quantum, std::move(h));
@@ -127,8 +123,7 @@ TEST_F(CodefBaseTest, RandomizedAgainstModel) {
   auto other = Quor::clockFactory("codefOther");
   // Quantum 0 included: one entry per slice.
   for (unsigned seed = 0; seed < 7; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
+    VELL_SEEDED(rng, seed);
     Quor::Seconds const quantum = seed * tick;
     calls.clear();
     // The handler updates some keys as it handles them: each is queued afresh.

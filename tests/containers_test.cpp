@@ -10,6 +10,8 @@
 #include <Quor/ListSort.h>
 #include <Quor/OrderedIndex.h>
 
+#include "TestSupport.h"
+
 namespace {
 
 using Quor::U32;
@@ -81,8 +83,7 @@ TEST(Containers, OrderedIndexAgreesWithAnOrderedMap) {
 
 TEST(Containers, IndexTableAgreesWithAHashMap) {
   unsigned const seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937_64 rng(seed);
+  VELL_SEEDED(rng, seed);
   Quor::detail::IndexTable<U32, Quor::detail::BitReversedHash> t;
   std::unordered_map<U32, U32> model;
   for (int step = 0; step < 40000; ++step) {
@@ -114,8 +115,7 @@ TEST(Containers, IndexTableAgreesWithAHashMap) {
 // Sorted like std::stable_sort, whatever the length and the number of equal keys.
 TEST(Containers, ListSortIsAStableSort) {
   unsigned const seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937_64 rng(seed);
+  VELL_SEEDED(rng, seed);
   struct Node {
     int key;
     int id;

@@ -37,11 +37,8 @@ struct Recorder : EventClock::NotifieeConst {
   void onTimerExpiration() override { note("expiry"); }
 };
 
-class EventClockTest : public ::testing::Test {
+class EventClockTest : public VellTest::LoopFixture {
  protected:
-  Quor::VirtualTime vt{t0};
-  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("ticks");
-  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(clock->activity());
   Quor::Ptr<Recorder> rec{new Recorder};
   Quor::Ptr<EventClock> ec;
 
@@ -60,7 +57,7 @@ class EventClockTest : public ::testing::Test {
   void TearDown() override {
     rec->notifierIs(nullptr);
     ec = nullptr;
-    EXPECT_EQ(loop->armedClockReactors(), 0u);
+    LoopFixture::TearDown();
   }
 };
 
@@ -174,9 +171,8 @@ struct Model {
 // too) and stops, against the model, notifications and their order included.
 TEST_F(EventClockTest, MatchesModelOverRandomStartsStopsAndRuns) {
   for (unsigned seed = 1; seed <= 6; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
-    auto pick = [&](int n) { return static_cast<int>(rng() % unsigned(n)); };
+    VELL_SEEDED(rng, seed);
+    auto pick = [&](int n) { return rng.pick(n); };
     Model m;
     m.interval = 0.25 * (1 + pick(6)), m.timeout = 0.5 * (pick(10) - 2);
     make(m.interval, m.timeout);

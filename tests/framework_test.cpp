@@ -188,25 +188,15 @@ struct Alarm : Quor::Clock::NotifieeConst {
   }
 };
 
-class LoopTest : public ::testing::Test {
+class LoopTest : public VellTest::LoopFixture {
  protected:
-  Quor::VirtualTime vt{1000};
-  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("loopTestClock");
-  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(Quor::defaultActivityConfig());
   std::vector<std::string> log;
-  std::size_t armedBefore = loop->armedClockReactors();
-  std::size_t fdsBefore = loop->descriptors();
 
   Quor::Ptr<Alarm> alarm(std::string const& tag, Quor::Seconds at) {
     Quor::Ptr<Alarm> a(new Alarm(&log, tag));
     a->notifierIs(clock);
     a->timeMinIs(at);
     return a;
-  }
-  void TearDown() override {
-    // Nothing the test made is left in the loop.
-    EXPECT_EQ(loop->armedClockReactors(), armedBefore);
-    EXPECT_EQ(loop->descriptors(), fdsBefore);
   }
 };
 
@@ -260,8 +250,7 @@ TEST_F(LoopTest, CancelDetachAndDestroyDuringAPassAreSafe) {
 // one another from onTime, with many equal deadlines.
 TEST_F(LoopTest, RandomizedAgainstModel) {
   unsigned const seed = 20261125;
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 rng(seed);
+  VELL_SEEDED(rng, seed);
   constexpr int n = 40;
   struct Model {
     std::map<int, std::pair<Quor::Seconds, std::uint64_t>> armed;  // id -> (time, seq)
@@ -277,7 +266,7 @@ TEST_F(LoopTest, RandomizedAgainstModel) {
   std::uint64_t passSeq = 0;
   int fired = 0;
 
-  auto pick = [&](int hi) { return static_cast<int>(rng() % static_cast<unsigned>(hi)); };
+  auto pick = [&](int hi) { return rng.pick(hi); };
   // Past, now and soon with many ties, and now and then later: a heap of some depth.
   auto randomTime = [&] { return Quor::now() + pick(4) - 1 + (pick(3) == 0 ? pick(60) : 0); };
   auto timeMinIs = [&](int id, Quor::Seconds t) {

@@ -186,8 +186,7 @@ std::string randomSmaps(std::mt19937_64& rng, Drops* expected) {
 
 TEST(SmapsWalk, RandomizedAgainstModel) {
   for (U64 seed = 1; seed <= 200; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937_64 rng(seed);
+    VELL_SEEDED(rng, seed);
     Drops expected;
     std::string const text = randomSmaps(rng, &expected);
     // Reads of random size, some interrupted (retried by the walk).

@@ -44,13 +44,14 @@ struct Model {
   }
 };
 
-class ReviewTimerTest : public ::testing::Test {
+class ReviewTimerTest : public VellTest::LoopFixture {
  protected:
-  Quor::VirtualTime vt{t0};
-  Quor::Ptr<Quor::Clock> clock = Quor::clockFactory("reviews");
   Quor::Ptr<Reviewer> reviewer{new Reviewer};
-  Quor::Ptr<Quor::ActivitySm> loop = Quor::quorActivitySmFor(clock->activity());
   Quor::Ptr<Vell::ReviewTimer> timer;
+  void TearDown() override {
+    reviewer->notifierIs(nullptr);
+    LoopFixture::TearDown();
+  }
 
   void make(U32 maxCredits, float minDelay, float maxDelay) {
     timer = Vell::reviewTimerFactory(reviewer.ptr(), 1.0f, maxCredits, minDelay, maxDelay);
@@ -72,16 +73,14 @@ TEST_F(ReviewTimerTest, BackOffDoublesTheDelayUpToItsCeiling) {
   loop->runUntil(t0 + 40);
   EXPECT_EQ(reviewer->reviews, (std::vector<Seconds>{t0 + 1, t0 + 3, t0 + 7, t0 + 15, t0 + 23, t0 + 31, t0 + 39}));
   EXPECT_EQ(state(), std::tuple(t0 + 47, 0u, 8.0));
-  reviewer->timeMinIs(Quor::endOfTime);
 }
 
 // Random schedulings, pauses, reviews and overrides, compared step by step with the
 // model; the ceiling, delays and pause lengths vary per seed.
 TEST_F(ReviewTimerTest, MatchesTheCreditRuleOverManySchedulings) {
   for (unsigned seed = 1; seed <= 8; ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
-    auto pick = [&](int n) { return static_cast<int>(rng() % unsigned(n)); };
+    VELL_SEEDED(rng, seed);
+    auto pick = [&](int n) { return rng.pick(n); };
     reviewer->reviews.clear();
     reviewer->timeMinIs(Quor::endOfTime);
     make(U32(pick(6)), 0.25f * float(1 + pick(4)), float(1 << (1 + pick(4))));

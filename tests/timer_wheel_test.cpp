@@ -88,13 +88,13 @@ std::string wheelErrors(TimerWheel const& tw, std::set<Timer const*> const& expe
   return e.str();
 }
 
-class TimerWheelTest : public ::testing::Test {
+class TimerWheelTest : public VellTest::LoopFixture {
  protected:
   void TearDown() override {
     timers.clear();
     wheel = nullptr;
     EXPECT_EQ(TestTimer::live, 0);
-    EXPECT_EQ(sm->armedClockReactors(), 0u);  // the wheel's clock reactor went with it
+    LoopFixture::TearDown();  // the wheel's clock reactor went with it
   }
   Ptr<TimerWheel> make(U32 tick, U32 maxTicks, bool preserveOrder, U32 size) {
     timers.clear();
@@ -119,10 +119,8 @@ class TimerWheelTest : public ::testing::Test {
     EXPECT_EQ(wheelErrors(*wheel, expected), "");
   }
 
-  Quor::VirtualTime vt{start};
-  Ptr<Quor::ActivityConfig> activity = Quor::defaultActivityConfig();
-  Ptr<Quor::ActivitySm> sm = Quor::quorActivitySmFor(activity);
-  Ptr<Quor::Clock> clock = Quor::clockFactory("wheel clock", activity);
+  Ptr<Quor::ActivityConfig> activity = clock->activity();
+  Ptr<Quor::ActivitySm> sm = loop;
   Ptr<TimerWheel> wheel;
   std::vector<Ptr<TestTimer>> timers;
 };
