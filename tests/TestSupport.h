@@ -21,6 +21,13 @@ std::string rangeText(F&& f) {
   return "no exception";
 }
 
+/// A death-test pattern that matches `text` exactly.
+inline std::string literally(std::string const& text) {
+  std::string re;
+  for (char c : text) re += std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos ? std::string{'\\', c} : std::string{c};
+  return re;
+}
+
 /// Captures the trace records of `channel` at levels 0..maxLevel while it lives; the
 /// channel is off again and the sink is standard error afterwards.
 struct TraceCapture {

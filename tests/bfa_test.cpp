@@ -303,9 +303,7 @@ TEST(BestFitAllocatorTrace, OperationsTraceAtDetailLevelOnly) {
 
 // "Assertion failed: <text> [BestFitAllocator:<line>] in <...function>", as a regex.
 std::string died(std::string const& text, char const* function) {
-  std::string re = "Assertion failed: ";
-  for (char ch : text) re += std::strchr("()[]{}.*+?^$|\\", ch) ? std::string("\\") + ch : std::string(1, ch);
-  return re + " \\[BestFitAllocator:[0-9]+\\] in .*Vell::BestFitAllocator::" + function;
+  return "Assertion failed: " + VellTest::literally(text) + " \\[[A-Za-z_]+:[0-9]+\\] in .*Vell::BestFitAllocator::" + function;
 }
 
 TEST(BestFitAllocatorDeath, BrokenPreconditionsAndInvariantsAbortWithTheirText) {

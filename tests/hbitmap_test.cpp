@@ -19,6 +19,7 @@ using Vell::U64;
 
 namespace {
 
+using VellTest::literally;
 using VellTest::rangeText;
 
 using State = HBitmap::BitState;
@@ -172,33 +173,27 @@ TEST(HBitmap, TracesNameTheOperationAndItsDetails) {
                        "startWord = 0, endWord = 1", "HBitmap::doLogicalOp", "Unknown logical op: HBitmap::LogicalOp(9)"}));
 }
 
-// Death-test regex for an exact text.
-std::string literally(std::string const& text) {
-  std::string re;
-  for (char c : text) re += std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos ? std::string{'\\', c} : std::string{c};
-  return re;
-}
 
 TEST(HBitmapDeathTest, PreconditionsAbortWithTheConditionAndValues) {
   auto b = Vell::hBitmapFactory(1, 100, HBitmap::Clear);
   auto smaller = Vell::hBitmapFactory(2, 99, HBitmap::Clear);
-  EXPECT_DEATH(b->setBit(100), literally("Failed(bit < size()) bit = 100, size() = 100 [HBitmap:") +
+  EXPECT_DEATH(b->setBit(100), literally("Failed(bit < size()) bit = 100, size() = 100") + " \\[[A-Za-z_]+:" +
                                    ".*" + literally("] in void Vell::HBitmap::updateBit("));
-  EXPECT_DEATH(b->clearBitsInRange(5, 4), literally("Failed(start <= end) start = 5, end = 4 [HBitmap:"));
-  EXPECT_DEATH(b->setBitsInRange(0, 100), literally("Failed(end < size()) end = 100, size() = 100 [HBitmap:"));
+  EXPECT_DEATH(b->clearBitsInRange(5, 4), literally("Failed(start <= end) start = 5, end = 4") + " \\[[A-Za-z_]+:");
+  EXPECT_DEATH(b->setBitsInRange(0, 100), literally("Failed(end < size()) end = 100, size() = 100") + " \\[[A-Za-z_]+:");
   EXPECT_DEATH(b->findSetBitInRange(5, 4, HBitmap::preferLo), literally("Failed(start <= end) start = 5, end = 4"));
   EXPECT_DEATH(b->findClearBitInRange(0, 101, HBitmap::preferHi), literally("Failed(end <= size()) end = 101, size() = 100"));
   EXPECT_DEATH(b->doAnd(smaller), literally("Failed(size() <= hbmp->size()) size() = 100, hbmp->size() = 99"));
-  EXPECT_DEATH(HBitmap::highestSetBitOf(0), literally("Failed(j < 64) j = 4294967295, 64 = 64 [HBitmap:"));
-  EXPECT_DEATH(HBitmap::lowestSetBitOf(0), literally("Assertion failed: j [HBitmap:"));
-  EXPECT_DEATH(Vell::hBitmapFactory(1, 0xFFFFFFC1, HBitmap::Clear), literally("Assertion failed: i [HBitmap:"));
+  EXPECT_DEATH(HBitmap::highestSetBitOf(0), literally("Failed(j < 64) j = 4294967295, 64 = 64") + " \\[[A-Za-z_]+:");
+  EXPECT_DEATH(HBitmap::lowestSetBitOf(0), literally("Assertion failed: j") + " \\[[A-Za-z_]+:");
+  EXPECT_DEATH(Vell::hBitmapFactory(1, 0xFFFFFFC1, HBitmap::Clear), literally("Assertion failed: i") + " \\[[A-Za-z_]+:");
   // Raw writes forget the remembered answers, so each search below descends and meets them.
   ASSERT_EQ(b->findBitInClearState(HBitmap::preferLo), 0u);
   b->clearBmIs(0, ~0ull);  // a full leaf word under a summary that says it has a clear bit
-  EXPECT_DEATH(b->findBitInClearState(HBitmap::preferLo), literally("Assertion failed: val [HBitmap:"));
+  EXPECT_DEATH(b->findBitInClearState(HBitmap::preferLo), literally("Assertion failed: val") + " \\[[A-Za-z_]+:");
   ASSERT_EQ(b->findBitInSetState(HBitmap::preferLo), HBitmap::notFound);
   b->setBmIs(b->arrayBaseOffsetForHeight(1), 1);  // a summary that points at an empty word
-  EXPECT_DEATH(b->findBitInSetState(HBitmap::preferLo), literally("Assertion failed: val [HBitmap:"));
+  EXPECT_DEATH(b->findBitInSetState(HBitmap::preferLo), literally("Assertion failed: val") + " \\[[A-Za-z_]+:");
 }
 
 }  // namespace
