@@ -1,5 +1,9 @@
 // Helpers shared by the test programs.
 #pragma once
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -73,6 +77,26 @@ struct LogCapture {
     });
   }
   ~LogCapture() { Quor::logSinkIs(nullptr); }
+};
+
+/// Takes every descriptor the process may still open, under a limit lowered to at most
+/// 4096, until release() (or destruction) gives them back and restores the limit.
+struct DescriptorHog {
+  rlimit old{};
+  std::vector<int> fds;
+  DescriptorHog() {
+    ::getrlimit(RLIMIT_NOFILE, &old);
+    rlimit low = old;
+    low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 4096);
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    for (int fd; (fd = ::dup(0)) >= 0;) fds.push_back(fd);
+  }
+  void release() {
+    for (int fd : fds) ::close(fd);
+    fds.clear();
+    ::setrlimit(RLIMIT_NOFILE, &old);
+  }
+  ~DescriptorHog() { release(); }
 };
 
 /// Virtual time from 1000 s, the default loop and a clock. Every test ends with the loop as
