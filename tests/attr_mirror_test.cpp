@@ -29,6 +29,18 @@ class AttrMirrorTest : public VellTest::LoopFixture {
   void settle() { loop->runUntil(Quor::now() + 0.01); }
 };
 
+// The abstract address a mirror source of `name` listens on: "\0m" and the name.
+struct MirrorAddress {
+  sockaddr_un addr{AF_UNIX, {}};
+  socklen_t length;
+  explicit MirrorAddress(std::string const& name) {
+    std::string const path = std::string("\0m", 2) + name;
+    std::memcpy(addr.sun_path, path.data(), path.size());
+    length = socklen_t(offsetof(sockaddr_un, sun_path) + path.size());
+  }
+  ::sockaddr const* sockaddr() const { return reinterpret_cast<::sockaddr const*>(&addr); }
+};
+
 // Every member a reactor on the mirror sees must be a value the source held for that key
 // at some time (absence included).
 struct ConfigHistory : Vell::XactConfigDir::NotifieeConst {
@@ -136,11 +148,8 @@ TEST_F(AttrMirrorTest, ACorruptStreamChangesNothingAndResynchronises) {
   std::string const bogus = "vell-mirror-bogus-" + std::to_string(getpid());
   // A fake source: listens and sends a copy whose second record is cut short.
   int const l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::string const path = std::string("\0m", 2) + bogus;
-  std::memcpy(addr.sun_path, path.data(), path.size());
-  ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr*>(&addr), socklen_t(offsetof(sockaddr_un, sun_path) + path.size())), 0);
+  MirrorAddress const at(bogus);
+  ASSERT_EQ(::bind(l, at.sockaddr(), at.length), 0);
   ASSERT_EQ(::listen(l, 4), 0);
   auto sink = Vell::mirrorSinkSmFactory(bogus, clock);
   auto mirror = sink->mirror<Vell::XactConfigDir>("exec-c");
@@ -215,11 +224,8 @@ TEST_F(AttrMirrorTest, NoDescriptorLeftPausesAcceptingAndReportsOnce) {
   if (VellTest::sanitized) GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
   auto source = Vell::mirrorSourceSmFactory(name);
   int const client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::string const path = std::string("\0m", 2) + name;
-  std::memcpy(addr.sun_path, path.data(), path.size());
-  ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&addr), socklen_t(offsetof(sockaddr_un, sun_path) + path.size())), 0);
+  MirrorAddress const at(name);
+  ASSERT_EQ(::connect(client, at.sockaddr(), at.length), 0);
   VellTest::DescriptorHog hog;
   VellTest::LogCapture logs;
   loop->runUntil(Quor::now() + 1.0);
