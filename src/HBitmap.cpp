@@ -33,10 +33,11 @@ constexpr U64 allOnes = ~U64(0);
   std::abort();
 }
 
-#define HBITMAP_CHECK(a, op, b)                                                                       \
+#define HBITMAP_CHECK_IN(function, a, op, b)                                                          \
   ((a)op(b) ? (void)0                                                                                 \
             : failed(#a " " #op " " #b, #a, static_cast<U64>(a), #b, static_cast<U64>(b), __FILE__, \
-                     __LINE__, __PRETTY_FUNCTION__))
+                     __LINE__, function))
+#define HBITMAP_CHECK(a, op, b) HBITMAP_CHECK_IN(__PRETTY_FUNCTION__, a, op, b)
 
 // Enumerations hold any 32-bit number; an operation refuses one that is no enumerator.
 // The message is built out of line so the check stays one compare on the search path.
@@ -129,46 +130,11 @@ inline void writeLeaf(U64* set, U64* clr, U32& numSet, U32 w, U64 mask, bool toS
 }
 }  // namespace
 
-// Bits start .. end have just been put in `state`. A remembered answer in that state can
-// only move outwards to the range (and notFound gives way to it); one in the other state
-// stays exact unless it lay inside the range. Without branches: updateBit runs this.
-inline void HBitmap::noteRange(U32 start, U32 end, BitState state) {
-  Answers& gained = answers_[U32(state)];
-  Answers& lost = answers_[U32(state) ^ 1];
-  gained.lo = std::min(gained.lo, start);            // notFound is the largest U32
-  gained.hi = std::max(gained.hi + 1, end + 1) - 1;  // + 1 wraps notFound to 0
-  lost.loKnown &= lost.lo - start > end - start;     // outside start .. end, in one compare
-  lost.hiKnown &= lost.hi - start > end - start;
-}
-
-void HBitmap::updateBit(U32 bit, BitState state) {
+// The checks of the inline calls name the call the caller made.
+void HBitmap::checkUpdateBit(U32 bit, BitState state) const {
   QUOR_TRACE(traceHandle, 1, "HBitmap::updateBit");
-  HBITMAP_CHECK(bit, <, size());
+  HBITMAP_CHECK_IN("void Vell::HBitmap::updateBit(U32, BitState)", bit, <, size());
   checkedEnum(state, "state");
-  U64* const set = setBm_.data();
-  U64* const clr = clearBm_.data();
-  U32 const* const base = arrayBaseOffsetForHeight_.data();
-  U32 const w = base[0] + bit / 64;
-  U64 const mask = U64(1) << (bit % 64);
-  // One bit needs no population count (a library call on a baseline x86-64 build). The
-  // two trees differ only in padding, never at a bit below size(), so both take the same bit.
-  bool const toSet = state == Set;
-  U32 const wasSet = (set[w] & mask) != 0;
-  numBitsInSetState_ += toSet ? 1 - wasSet : 0 - wasSet;
-  set[w] = toSet ? set[w] | mask : set[w] & ~mask;
-  clr[w] = toSet ? clr[w] | mask : clr[w] & ~mask;
-  noteRange(bit, bit, state);
-  // Every level is rewritten, changed or not: a fixed walk beats a data-dependent exit.
-  U64 childSet = set[w], childClr = clr[w];
-  for (U32 h = 1; h < height_; ++h) {
-    U32 const index = bit >> (6 * h);
-    U32 const word = base[h] + index / 64;
-    U64 const m = U64(1) << (index % 64);
-    childSet = (set[word] & ~m) | (childSet != 0 ? m : 0);
-    childClr = (clr[word] & ~m) | (childClr == allOnes ? m : 0);
-    set[word] = childSet;
-    clr[word] = childClr;
-  }
 }
 
 bool HBitmap::isBitSet(U32 bit) const {
@@ -272,20 +238,29 @@ U32 HBitmap::search(IndexPreference indexPref, BitState state) const {
 
 // Word `word` of level h as "a bit in `state` lies below each set bit". Padding reads as
 // nothing there in both trees (0 in setBm, 1 in clearBm).
-inline U64 HBitmap::probe(U32 h, U32 word, BitState state) const {
-  U32 const w = arrayBaseOffsetForHeight_[h] + word;
-  return state == Set ? setBm_[w] : ~clearBm_[w];
-}
+namespace {
+// Level h's word w as "a bit in the wanted state lies below each set bit": the set tree as
+// it is, the clear tree inverted (its padding, all ones, then reads as nothing). Raw reads:
+// the walks stay within the levels, and the arrays' checked reads would double a search.
+struct Probe {
+  U32 const* base;
+  U64 const* words;
+  U64 flip;
+  U64 operator()(U32 h, U32 w) const { return words[base[h] + w] ^ flip; }
+};
+}  // namespace
 
 // Climbs from `start`: at each level, the rest of the current word; when it is empty, the
 // next word's bit one level up. The first bit found leads down, lowest child first, to
 // the lowest wanted bit at or after start; past `end`, or past the top, there is none.
 U32 HBitmap::seekLo(U32 start, U32 end, BitState state) const {
+  Probe const probe{arrayBaseOffsetForHeight_.data(), state == Set ? setBm_.data() : clearBm_.data(),
+                    state == Set ? 0 : allOnes};
   U32 p = start;
   for (U32 h = 0; h < height_; ++h) {
-    if (U64 const word = probe(h, p / 64, state) & (allOnes << (p % 64))) {
+    if (U64 const word = probe(h, p / 64) & (allOnes << (p % 64))) {
       p = (p & ~63u) + static_cast<U32>(std::countr_zero(word));
-      for (; h > 0; --h) p = p * 64 + static_cast<U32>(std::countr_zero(probe(h - 1, p, state)));
+      for (; h > 0; --h) p = p * 64 + static_cast<U32>(std::countr_zero(probe(h - 1, p)));
       return p <= end ? p : notFound;
     }
     p = p / 64 + 1;  // the next word of level h, as a bit of level h + 1
@@ -296,11 +271,13 @@ U32 HBitmap::seekLo(U32 start, U32 end, BitState state) const {
 
 // The mirror image: from `end` down to the highest wanted bit at or before it.
 U32 HBitmap::seekHi(U32 start, U32 end, BitState state) const {
+  Probe const probe{arrayBaseOffsetForHeight_.data(), state == Set ? setBm_.data() : clearBm_.data(),
+                    state == Set ? 0 : allOnes};
   U32 p = end;
   for (U32 h = 0; h < height_; ++h) {
-    if (U64 const word = probe(h, p / 64, state) & (allOnes >> (63 - p % 64))) {
+    if (U64 const word = probe(h, p / 64) & (allOnes >> (63 - p % 64))) {
       p = (p & ~63u) + 63 - static_cast<U32>(std::countl_zero(word));
-      for (; h > 0; --h) p = p * 64 + 63 - static_cast<U32>(std::countl_zero(probe(h - 1, p, state)));
+      for (; h > 0; --h) p = p * 64 + 63 - static_cast<U32>(std::countl_zero(probe(h - 1, p)));
       return p >= start ? p : notFound;
     }
     if (p < 64) return notFound;
@@ -310,16 +287,13 @@ U32 HBitmap::seekHi(U32 start, U32 end, BitState state) const {
   return notFound;
 }
 
-U32 HBitmap::seekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {
+void HBitmap::checkSeekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {
   QUOR_TRACE(traceHandle, 1, "HBitmap::seekBitInRange");
-  HBITMAP_CHECK(start, <=, end);
-  HBITMAP_CHECK(end, <=, size());
+  char const* const function = "U32 Vell::HBitmap::seekBitInRange(U32, U32, BitState, IndexPreference) const";
+  HBITMAP_CHECK_IN(function, start, <=, end);
+  HBITMAP_CHECK_IN(function, end, <=, size());
   checkedEnum(state, "state");
   checkedEnum(indexPref, "indexPref");
-  if (size_ == 0) return notFound;
-  end = std::min(end, size_ - 1);
-  if (start > end) return notFound;
-  return indexPref == preferLo ? seekLo(start, end, state) : seekHi(start, end, state);
 }
 
 U32 HBitmap::findBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {

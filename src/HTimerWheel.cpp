@@ -2,12 +2,15 @@
 // handling that fires them, cascades coarser buckets down and puts the wheel to rest.
 #include <Vell/HTimerWheel.h>
 
+#include <Vell/HBitmap.h>
+
 #include <Quor/ListSort.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <new>
+#include <optional>
 #include <vector>
 
 namespace Vell {
@@ -79,78 +82,6 @@ BucketSize BucketSize::quorParse(Quor::StrepIt& it, Quor::StrepIt end) {
     throw;
   }
 }
-
-// ---- occupancy bitmap -----------------------------------------------------------------
-
-// Which slots of a bucket hold timers: one bit per slot, and summary levels above it in
-// which a bit says "that word of the level below is not zero", up to a single top word.
-// Finding the next used slot climbs until a word has a bit at or after the start, then
-// descends: two word operations per level, six levels at most for 2^32 slots.
-class TimerWheel::Occupancy {
- public:
-  static constexpr U64 none = ~U64(0);
-
-  explicit Occupancy(U32 bits) {
-    U64 n = bits, offset = 0;
-    do {
-      U64 const words = (n + 63) / 64;
-      levels_[depth_++] = Level{offset, words};
-      offset += words;
-      n = words;
-    } while (n > 1);
-    words_ = std::make_unique<U64[]>(offset);  // zeroed
-  }
-
-  bool test(U64 i) const { return (word(0, i >> 6) >> (i & 63)) & 1; }
-
-  // A level's word changes between zero and non-zero only when its bit above changes.
-  void set(U64 i) {
-    for (U32 l = 0; l < depth_; ++l, i >>= 6) {
-      U64& w = word(l, i >> 6);
-      bool const wasEmpty = w == 0;
-      w |= U64(1) << (i & 63);
-      if (!wasEmpty) return;
-    }
-  }
-  void clear(U64 i) {
-    for (U32 l = 0; l < depth_; ++l, i >>= 6) {
-      U64& w = word(l, i >> 6);
-      w &= ~(U64(1) << (i & 63));
-      if (w != 0) return;
-    }
-  }
-
-  /// The first set bit at or after `from`, or `none`.
-  U64 findNext(U64 from) const {
-    U32 l = 0;
-    U64 i = from;
-    for (;; ++l) {
-      if (l == depth_) return none;
-      U64 const w = i >> 6;
-      if (w >= levels_[l].words) return none;
-      U64 const bits = word(l, w) & (~U64(0) << (i & 63));
-      if (bits) {
-        i = (w << 6) + static_cast<U64>(__builtin_ctzll(bits));
-        break;
-      }
-      i = w + 1;  // continue with the next word, one level up
-    }
-    while (l-- > 0) i = (i << 6) + static_cast<U64>(__builtin_ctzll(word(l, i)));
-    return i;
-  }
-
- private:
-  struct Level {
-    U64 offset;
-    U64 words;
-  };
-  U64& word(U32 level, U64 w) { return words_[levels_[level].offset + w]; }
-  U64 word(U32 level, U64 w) const { return words_[levels_[level].offset + w]; }
-
-  Level levels_[6] = {};
-  U32 depth_ = 0;
-  std::unique_ptr<U64[]> words_;
-};
 
 // Where a slot's timers are, for prefetching only. A cascade walks one slot's list, a
 // single chain of cache misses when timers are many; with their addresses at hand the
@@ -228,7 +159,7 @@ struct TimerWheel::Bucket {
         shift(static_cast<U32>(__builtin_ctz(n))),
         slots(new HeadNTail[n]),
         hints(new SlotHints[n]),
-        occupancy(n) {}
+        occupancy(hBitmapFactory(0, n, HBitmap::Clear)) {}
   // Turns of this bucket in a distance, and the slot a distance wraps to: a shift and a
   // mask for the usual power-of-two sizes instead of a 64-bit division.
   U64 turns(U64 d) const { return pow2 ? d >> shift : d / size; }
@@ -240,7 +171,8 @@ struct TimerWheel::Bucket {
   U32 timers = 0;
   std::unique_ptr<HeadNTail[]> slots;
   std::unique_ptr<SlotHints[]> hints;
-  Occupancy occupancy;
+  // Which slots hold timers: the next used slot is a range search from the current one.
+  Quor::Ptr<HBitmap> occupancy;
 };
 
 // ---- the wheel's clock reactor ------------------------------------------------------------
@@ -338,7 +270,7 @@ TimerWheel::NotifieeConst const* TimerWheel::slotTail(U32 b, U32 i) const {
 }
 
 bool TimerWheel::slotOccupied(U32 b, U32 i) const {
-  return b < bucketCount() && i < buckets_[b].size && buckets_[b].occupancy.test(i);
+  return b < bucketCount() && i < buckets_[b].size && buckets_[b].occupancy->isBitSet(i);
 }
 
 HeadNTail& TimerWheel::wheelAt(U32 b, U32 i) { return buckets_[b].slots[i]; }
@@ -470,7 +402,7 @@ HOT void TimerWheel::insertNotifiee(NotifieeConst* n, U32 ticks) {
     slot.t->next_ = n;
   } else {
     slot.h = n;
-    bk.occupancy.set(index);
+    bk.occupancy->setBit(index);
   }
   slot.t = n;
   bk.hints[index].placed(n);
@@ -505,7 +437,7 @@ HOT void TimerWheel::removeNotifiee(NotifieeConst* n) {
     slot.t = prev;
   }
   QUOR_ASSERT_TEXT(next || slot.t == prev, "wheelAt( tw, bucketIndex, index )->t == prev( n )");
-  if (!slot.h) bk.occupancy.clear(index);
+  if (!slot.h) bk.occupancy->clearBit(index);
   --bk.hints[index].live;
   n->next_ = n->prev_ = nullptr;
   n->wheelIndex_ = InvalidWheelIndex;
@@ -530,8 +462,9 @@ void TimerWheel::advanceCurrentIndex(U32 to) {
 
 U32 TimerWheel::findNextUsedIndex(U32 startIndex) const {
   QUOR_ASSERT_TEXT(startIndex >= buckets_[0].current, "startIndex >= tw->currentWheelIndex( 0 )");
-  U64 const i = buckets_[0].occupancy.findNext(startIndex);
-  return i == Occupancy::none ? invalidIndex : static_cast<U32>(i);
+  Bucket const& b0 = buckets_[0];
+  U32 const i = b0.occupancy->seekBitInRange(startIndex, b0.size, HBitmap::Set, HBitmap::preferLo);
+  return i == HBitmap::notFound ? invalidIndex : i;
 }
 
 void TimerWheel::doUpdateSystemClock(Quor::Seconds t, U32 index) {
@@ -598,12 +531,13 @@ void TimerWheel::handleSystemClock() {
       QUOR_TRACE(traceHandle, 1, "Completed handleSystemClock at " << Secs{Quor::now()});
       return;
     }
-    maybePullUpWheelTime(Quor::now());
+    std::optional<U32> nextUsed = maybePullUpWheelTime(Quor::now());
     if (buckets_[0].current == ghostTimerIndex()) {
       rearrangeTimers();
       served = InvalidWheelIndex;  // slot 0 now stands for a new turn, cascaded timers in it are due
+      nextUsed.reset();
     }
-    U32 next = findNextUsedIndex(buckets_[0].current);
+    U32 next = nextUsed ? *nextUsed : findNextUsedIndex(buckets_[0].current);
     if (next == InvalidWheelIndex) next = ghostTimerIndex();
     scheduledWheelIndex_ = next;
     if (Quor::now() - start >= processTimeLimit_) break;
@@ -701,12 +635,12 @@ void TimerWheel::cascadeSlot(U32 b, U32 i) {
   }
 }
 
-HOT void TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
+HOT std::optional<U32> TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
   QUOR_ASSERT_TEXT(currentWheelIndexTime_ != Quor::endOfTime, "tw->currentWheelIndexTime() != Quor::endOfTime");
   Quor::Seconds const elapsed = now - currentWheelIndexTime_;
-  if (!(elapsed > 0)) return;
+  if (!(elapsed > 0)) return std::nullopt;
   U64 const ticks = msecsToTicks(roundedMsecs(elapsed));  // whole ticks passed: rounded down
-  if (ticks == 0) return;
+  if (ticks == 0) return std::nullopt;
   QUOR_ASSERT_TEXT(scheduledWheelIndex_ != InvalidWheelIndex, "tw->scheduledWheelIndex() != InvalidWheelIndex");
   Bucket const& b0 = buckets_[0];
   U32 const current = b0.current;
@@ -715,12 +649,15 @@ HOT void TimerWheel::maybePullUpWheelTime(Quor::Seconds now) {
                                         << " schedDistTicks " << (scheduledWheelIndex_ - current));
   // Never past the scheduled slot nor past a slot that still holds a timer: those must
   // keep the time they were placed for.
+  U32 const nextUsed = findNextUsedIndex(current);
   U64 target = std::min<U64>(U64(current) + ticks, b0.size);
   target = std::min<U64>(target, scheduledWheelIndex_);
-  target = std::min<U64>(target, std::min<U64>(b0.occupancy.findNext(current), b0.size));
-  if (target == current) return;
-  advanceCurrentIndex(static_cast<U32>(target));
-  QUOR_TRACE(traceHandle, 4, "Pulling current up to index " << target);
+  if (nextUsed != invalidIndex) target = std::min<U64>(target, nextUsed);
+  if (target != current) {
+    advanceCurrentIndex(static_cast<U32>(target));
+    QUOR_TRACE(traceHandle, 4, "Pulling current up to index " << target);
+  }
+  return nextUsed;  // no slot between current and it holds a timer, so it is still the next
 }
 
 void TimerWheel::shutdownWheel() {

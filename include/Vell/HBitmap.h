@@ -17,7 +17,8 @@
 // very bit it names; logical operations and raw word writes forget them all.
 //
 // Costs: single-bit updates write one word per level in each tree and never stop early
-// (no data-dependent branches), plus a few compares on the remembered answers. A
+// (no data-dependent branches), plus a few compares on the remembered answers; they are
+// inline, as is a range search's first word, since the timer wheel runs both per slot. A
 // whole-bitmap search answers from memory; a forgotten one reads one word per level
 // (dependent loads, top down) and is remembered. Range updates cost their range plus the
 // summaries above it. Logical operations and range searches cost the whole size: a range
@@ -82,7 +83,13 @@ class QUOR_API HBitmap final : public Quor::Entity {
   // ---- single bits ----
   /// Puts one bit in `state`. Precondition: bit < size(). Throws Quor::RangeException for
   /// a state that is neither Set nor Clear.
-  void updateBit(U32 bit, BitState state);
+  void updateBit(U32 bit, BitState state) {
+    // Inline for callers that flip bits on their hot path (the timer wheel's slots): a
+    // trace, a bad bit or a bad state take the checked call.
+    if (trace_->enabled(1) || bit >= size_ || U32(state) > 1) [[unlikely]]
+      checkUpdateBit(bit, state);
+    writeBit(bit, state);
+  }
   void setBit(U32 bit) { updateBit(bit, Set); }
   void clearBit(U32 bit) { updateBit(bit, Clear); }
   /// The leaf bit; false for any bit at or beyond size() (no precondition).
@@ -123,7 +130,21 @@ class QUOR_API HBitmap final : public Quor::Entity {
   /// the range's near end until a summary word shows a wanted bit ahead, then down to
   /// it. Costs at most 2 x height() word reads, whatever the size and the range.
   /// Preconditions as findBitInRange's.
-  U32 seekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const;
+  U32 seekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const {
+    if (trace_->enabled(1) || start > end || end > size_ || U32(state) > 1 || U32(indexPref) > 1) [[unlikely]]
+      checkSeekBitInRange(start, end, state, indexPref);
+    end = end < size_ ? end : size_ - 1;  // wraps for size 0, hence the size test
+    if (size_ == 0 || start > end) return notFound;
+    if (indexPref == preferHi) return seekHi(start, end, state);
+    // The lowest wanted bit is most often in the start's own leaf word (the wheel's next
+    // used slot): read it here, and climb the levels out of line only when it is empty.
+    U64 const leaf = state == Set ? setBm_.data()[start / 64] : ~clearBm_.data()[start / 64];
+    if (U64 const ahead = leaf & (~U64(0) << (start % 64))) {
+      U32 const p = (start & ~63u) + static_cast<U32>(__builtin_ctzll(ahead));
+      return p <= end ? p : notFound;
+    }
+    return seekLo(start, end, state);
+  }
 
   // ---- whole-bitmap operations ----
   /// Combines hbmp into this bitmap in place, bit by bit; hbmp's bits beyond size() are
@@ -155,14 +176,18 @@ class QUOR_API HBitmap final : public Quor::Entity {
 
   void buildLayout();
   void fillLevels();
+  // The traces and precondition checks of the inline calls: they return only when the
+  // call may go on.
+  void checkUpdateBit(U32 bit, BitState state) const;
+  void checkSeekBitInRange(U32 start, U32 end, BitState state, IndexPreference indexPref) const;
+  inline void writeBit(U32 bit, BitState state);
   U32 search(IndexPreference indexPref, BitState state) const;
-  U64 probe(U32 h, U32 word, BitState state) const;
   U32 seekLo(U32 start, U32 end, BitState state) const;
   U32 seekHi(U32 start, U32 end, BitState state) const;
   U32 searchAndRemember(IndexPreference indexPref, BitState state) const;
   void combineWith(HBitmap const* hbmp, LogicalOp op);
   void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
-  void noteRange(U32 start, U32 end, BitState state);
+  inline void noteRange(U32 start, U32 end, BitState state);
   void forgetAnswers() {
     for (Answers& a : answers_) a.loKnown = a.hiKnown = false;
   }
@@ -185,6 +210,47 @@ class QUOR_API HBitmap final : public Quor::Entity {
   mutable Answers answers_[2];
   Quor::TraceHandle const* trace_;  // the block's channel, for the inline search
 };
+
+// Bits start .. end have just been put in `state`. A remembered answer in that state can
+// only move outwards to the range (and notFound gives way to it); one in the other state
+// stays exact unless it lay inside the range. Without branches: updateBit runs this.
+inline void HBitmap::noteRange(U32 start, U32 end, BitState state) {
+  Answers& gained = answers_[U32(state)];
+  Answers& lost = answers_[U32(state) ^ 1];
+  gained.lo = gained.lo < start ? gained.lo : start;  // notFound is the largest U32
+  gained.hi = (gained.hi + 1 > end + 1 ? gained.hi + 1 : end + 1) - 1;  // + 1 wraps notFound to 0
+  lost.loKnown &= lost.lo - start > end - start;  // outside start .. end, in one compare
+  lost.hiKnown &= lost.hi - start > end - start;
+}
+
+// One bit, its count and every summary above it. Precondition: bit < size(), state valid.
+inline void HBitmap::writeBit(U32 bit, BitState state) {
+  U64* const set = setBm_.data();
+  U64* const clr = clearBm_.data();
+  U32 const* const base = arrayBaseOffsetForHeight_.data();
+  // Leaves are words 0 and up of both trees, which differ only in padding, never at a bit
+  // below size(): both take the same bit. One bit needs no population count.
+  bool const toSet = state == Set;
+  U64 const mask = U64(1) << (bit % 64);
+  U32 const wasSet = (set[bit / 64] & mask) != 0;
+  numBitsInSetState_ += toSet ? 1 - wasSet : 0 - wasSet;
+  U64 childSet = toSet ? set[bit / 64] | mask : set[bit / 64] & ~mask;
+  U64 childClr = toSet ? clr[bit / 64] | mask : clr[bit / 64] & ~mask;
+  set[bit / 64] = childSet;
+  clr[bit / 64] = childClr;
+  noteRange(bit, bit, state);
+  // Every level is rewritten, changed or not: a fixed walk beats a data-dependent exit.
+  U32 index = bit;
+  for (U32 h = 1; h < height_; ++h) {
+    index >>= 6;
+    U32 const word = base[h] + index / 64;
+    U64 const m = U64(1) << (index % 64);
+    childSet = (set[word] & ~m) | (childSet != 0 ? m : 0);
+    childClr = (clr[word] & ~m) | (childClr == ~U64(0) ? m : 0);
+    set[word] = childSet;
+    clr[word] = childClr;
+  }
+}
 
 /// A bitmap of `size` bits, every one in initialBitState, ready to use. Throws
 /// Quor::RangeException for a state that is neither Set nor Clear; a size above

@@ -4,8 +4,8 @@
 // retransmissions, lease checks), most of them re-armed or cancelled long before they
 // fire, all on one activity thread. Arming, re-arming and cancelling are O(1) and
 // allocate nothing in a steady state: a timer is an intrusive member of one slot's list,
-// and each bucket keeps an occupancy bitmap so the next used slot is found with a few
-// word operations. Each slot also keeps the addresses of the timers placed in it (a
+// and each bucket keeps an occupancy bitmap (an HBitmap) so the next used slot is a range
+// search of a few word operations. Each slot also keeps the addresses of the timers placed in it (a
 // bounded ring, about 8 bytes per timer), only to prefetch them: walking a slot's list
 // to fire or cascade it is otherwise one cache miss after another once timers are many.
 //
@@ -38,6 +38,7 @@
 //   r->timeMinIs(Quor::now() + 0.2);   // arm; re-arm with another time; endOfTime cancels
 #pragma once
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -212,7 +213,6 @@ class QUOR_API TimerWheel : public Quor::Entity {
 
  private:
   class QuorSystemClock;
-  class Occupancy;
   struct SlotHints;
   class HintWalk;
   struct Bucket;
@@ -236,7 +236,9 @@ class QUOR_API TimerWheel : public Quor::Entity {
   QUOR_LOCAL void sortSlot(HeadNTail& slot);
   QUOR_LOCAL void rearrangeTimers();
   QUOR_LOCAL void cascadeSlot(U32 b, U32 i);
-  QUOR_LOCAL void maybePullUpWheelTime(Quor::Seconds now);
+  /// Moves the current slot up to the present, never past a used or the scheduled slot.
+  /// Returns the next used slot of bucket 0 (InvalidWheelIndex for none) when it looked.
+  QUOR_LOCAL std::optional<U32> maybePullUpWheelTime(Quor::Seconds now);
   QUOR_LOCAL void advanceCurrentIndex(U32 to);
   QUOR_LOCAL void shutdownWheel();
   QUOR_LOCAL Quor::Seconds slotTime(U32 index) const;
