@@ -236,8 +236,6 @@ U32 HBitmap::search(IndexPreference indexPref, BitState state) const {
   }
 }
 
-// Word `word` of level h as "a bit in `state` lies below each set bit". Padding reads as
-// nothing there in both trees (0 in setBm, 1 in clearBm).
 namespace {
 // Level h's word w as "a bit in the wanted state lies below each set bit": the set tree as
 // it is, the clear tree inverted (its padding, all ones, then reads as nothing). Raw reads:
