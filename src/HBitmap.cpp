@@ -71,8 +71,9 @@ void HBitmap::handleInitialized() {
   if (initialBitState_ == Set) numBitsInSetState_ = size_;
   // A uniform bitmap's answers need no search: its first and last bit, or none at all.
   U32 const first = size_ ? 0 : notFound, last = size_ - 1;  // size 0: last wraps to notFound
-  answers_[U32(initialBitState_)] = {first, last, true, true};
-  answers_[U32(opposite(initialBitState_))] = {notFound, notFound, true, true};
+  answers_[U32(initialBitState_)] = {first, last};
+  answers_[U32(opposite(initialBitState_))] = {notFound, notFound};
+  known_ = 0xF;
   QUOR_TRACE(traceHandle, 7, "Initialized HBitmap " << quorIndex_ << " sz " << size_ << " height " << height_);
 }
 
@@ -209,11 +210,11 @@ U32 HBitmap::searchAndRemember(IndexPreference indexPref, BitState state) const 
   checkedEnum(indexPref, "indexPref");
   checkedEnum(state, "state");
   Answers& a = answers_[U32(state)];
-  bool& known = indexPref == preferLo ? a.loKnown : a.hiKnown;
   U32& answer = indexPref == preferLo ? a.lo : a.hi;
-  if (!known) {
+  U32 const bit = U32(1) << knownBit(indexPref, state);
+  if (!(known_ & bit)) {
     answer = search(indexPref, state);
-    known = true;
+    known_ |= bit;
   }
   return answer;
 }

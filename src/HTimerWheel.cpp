@@ -95,7 +95,9 @@ struct TimerWheel::SlotHints {
   U32 live = 0;  // timers in the slot now
 
   [[gnu::always_inline]] void placed(NotifieeConst const* n) {
-    ++live;
+    // A lone timer is the slot's head, which a walk reads first: its hint would come too
+    // late to help, and most slots of a sparse wheel hold one timer (no ring, no allocation).
+    if (++live == 1) return;
     if (ring.size() < U64(live) + 16) {
       try {
         ring.push_back(n);  // grows only while the slot does: no allocation in a steady state
@@ -115,13 +117,16 @@ struct TimerWheel::SlotHints {
 // the next spare. Buffers only change hands: no allocation in a steady state.
 class TimerWheel::HintWalk {
  public:
-  HintWalk(SlotHints& slot, std::vector<NotifieeConst const*>& spare) : spare_(spare), start_(slot.next) {
+  HintWalk(SlotHints& slot, std::vector<NotifieeConst const*>& spare)
+      : spare_(spare), start_(slot.next), took_(!slot.ring.empty()) {
+    if (!took_) return;  // nothing to prefetch: the buffers stay where they are
     hints_.swap(slot.ring);
     slot.ring.swap(spare);
     slot.next = 0;
     prefetchUpTo(hintWindow);
   }
   ~HintWalk() {
+    if (!took_) return;
     hints_.clear();
     spare_.swap(hints_);
   }
@@ -148,6 +153,7 @@ class TimerWheel::HintWalk {
   std::vector<NotifieeConst const*> hints_;
   std::vector<NotifieeConst const*>& spare_;
   std::size_t start_;
+  bool took_;
   std::size_t ahead_ = 0;
   std::size_t done_ = 0;
 };
@@ -460,7 +466,7 @@ void TimerWheel::advanceCurrentIndex(U32 to) {
   currentWheelIndexTime_ = restartTime_ + static_cast<double>(elapsedTicks_ * tickMsecs_) / 1000.0;
 }
 
-U32 TimerWheel::findNextUsedIndex(U32 startIndex) const {
+HOT U32 TimerWheel::findNextUsedIndex(U32 startIndex) const {
   QUOR_ASSERT_TEXT(startIndex >= buckets_[0].current, "startIndex >= tw->currentWheelIndex( 0 )");
   Bucket const& b0 = buckets_[0];
   U32 const i = b0.occupancy->seekBitInRange(startIndex, b0.size, HBitmap::Set, HBitmap::preferLo);

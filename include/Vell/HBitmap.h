@@ -17,9 +17,9 @@
 // very bit it names; logical operations and raw word writes forget them all.
 //
 // Costs: single-bit updates write one word per level in each tree and never stop early
-// (no data-dependent branches), plus a few compares on the remembered answers; they are
-// inline, as is a range search's first word, since the timer wheel runs both per slot. A
-// whole-bitmap search answers from memory; a forgotten one reads one word per level
+// (no data-dependent branches), plus a few compares on the remembered answers when any
+// answer is remembered (one test when none is); they are inline, as is a range search's
+// first word, since the timer wheel runs both per slot. A whole-bitmap search answers from memory; a forgotten one reads one word per level
 // (dependent loads, top down) and is remembered. Range updates cost their range plus the
 // summaries above it. Logical operations and range searches cost the whole size: a range
 // search works on a scratch copy.
@@ -108,11 +108,9 @@ class QUOR_API HBitmap final : public Quor::Entity {
   U32 findBitInState(IndexPreference indexPref, BitState state) const {
     // A remembered answer comes back without a call; traces, a bad enumeration and a
     // forgotten answer take the long way.
-    if (U32(state) <= 1 && !trace_->enabled(1)) {
-      Answers const& a = answers_[U32(state)];
-      if (indexPref == preferLo && a.loKnown) return a.lo;
-      if (indexPref == preferHi && a.hiKnown) return a.hi;
-    }
+    if (U32(state) <= 1 && U32(indexPref) <= 1 && (known_ >> knownBit(indexPref, state) & 1) &&
+        !trace_->enabled(1))
+      return indexPref == preferLo ? answers_[U32(state)].lo : answers_[U32(state)].hi;
     return searchAndRemember(indexPref, state);
   }
   U32 findBitInSetState(IndexPreference indexPref) const { return findBitInState(indexPref, Set); }
@@ -188,9 +186,9 @@ class QUOR_API HBitmap final : public Quor::Entity {
   void combineWith(HBitmap const* hbmp, LogicalOp op);
   void rebuildSummaries(U32 loLeafWord, U32 hiLeafWord);
   inline void noteRange(U32 start, U32 end, BitState state);
-  void forgetAnswers() {
-    for (Answers& a : answers_) a.loKnown = a.hiKnown = false;
-  }
+  void forgetAnswers() { known_ = 0; }
+  // The bit of known_ that says answers_[state]'s lo (preferLo) or hi (preferHi) is exact.
+  static U32 knownBit(IndexPreference indexPref, BitState state) { return 2 * U32(state) + U32(indexPref); }
 
   U64 quorIndex_;
   U32 size_;
@@ -202,25 +200,31 @@ class QUOR_API HBitmap final : public Quor::Entity {
   Quor::DynArray<U64> setBm_;
   Quor::DynArray<U64> clearBm_;
   // The whole-bitmap search answers per state (indexed by BitState); an answer is exact
-  // while its flag is set and meaningless otherwise. Searches are const, hence mutable.
+  // while its bit in known_ is set and meaningless otherwise. One word of flags lets an
+  // update that has nothing remembered to keep up (the timer wheel's buckets, which only
+  // ask range questions) skip the upkeep in one test. Searches are const, hence mutable.
   struct Answers {
     U32 lo = 0, hi = 0;
-    bool loKnown = false, hiKnown = false;
   };
   mutable Answers answers_[2];
+  mutable U32 known_ = 0;
   Quor::TraceHandle const* trace_;  // the block's channel, for the inline search
 };
 
 // Bits start .. end have just been put in `state`. A remembered answer in that state can
 // only move outwards to the range (and notFound gives way to it); one in the other state
-// stays exact unless it lay inside the range. Without branches: updateBit runs this.
+// stays exact unless it lay inside the range. Past the one test, without branches:
+// updateBit runs this.
 inline void HBitmap::noteRange(U32 start, U32 end, BitState state) {
+  if (!known_) return;
   Answers& gained = answers_[U32(state)];
-  Answers& lost = answers_[U32(state) ^ 1];
+  BitState const other = BitState(U32(state) ^ 1);
+  Answers const& lost = answers_[U32(other)];
   gained.lo = gained.lo < start ? gained.lo : start;  // notFound is the largest U32
   gained.hi = (gained.hi + 1 > end + 1 ? gained.hi + 1 : end + 1) - 1;  // + 1 wraps notFound to 0
-  lost.loKnown &= lost.lo - start > end - start;  // outside start .. end, in one compare
-  lost.hiKnown &= lost.hi - start > end - start;
+  U32 const loInside = lost.lo - start <= end - start;  // inside start .. end, in one compare
+  U32 const hiInside = lost.hi - start <= end - start;
+  known_ &= ~(loInside << knownBit(preferLo, other) | hiInside << knownBit(preferHi, other));
 }
 
 // One bit, its count and every summary above it. Precondition: bit < size(), state valid.
@@ -241,7 +245,8 @@ inline void HBitmap::writeBit(U32 bit, BitState state) {
   noteRange(bit, bit, state);
   // Every level is rewritten, changed or not: a fixed walk beats a data-dependent exit.
   U32 index = bit;
-  for (U32 h = 1; h < height_; ++h) {
+  U32 const height = height_;
+  for (U32 h = 1; h < height; ++h) {
     index >>= 6;
     U32 const word = base[h] + index / 64;
     U64 const m = U64(1) << (index % 64);
