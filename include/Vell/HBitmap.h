@@ -19,10 +19,11 @@
 // Costs: single-bit updates write one word per level in each tree and never stop early
 // (no data-dependent branches), plus a few compares on the remembered answers when any
 // answer is remembered (one test when none is); they are inline, as is a range search's
-// first word, since the timer wheel runs both per slot. A whole-bitmap search answers from memory; a forgotten one reads one word per level
-// (dependent loads, top down) and is remembered. Range updates cost their range plus the
-// summaries above it. Logical operations and range searches cost the whole size: a range
-// search works on a scratch copy.
+// first word, since the timer wheel runs both per slot. A whole-bitmap search answers
+// from memory; a forgotten one reads one word per level (dependent loads, top down) and
+// is remembered. Range updates cost their range plus the summaries above it. Logical
+// operations and findBitInRange cost the whole size (it works on a scratch copy);
+// seekBitInRange reads at most two words per level.
 //
 // Preconditions are asserted (a bad index is a programming error and aborts with the
 // condition and the values); finding nothing is not an error but 0xFFFFFFFF.
