@@ -537,7 +537,10 @@ void TimerWheel::handleSystemClock() {
       QUOR_TRACE(traceHandle, 1, "Completed handleSystemClock at " << Secs{Quor::now()});
       return;
     }
-    std::optional<U32> nextUsed = maybePullUpWheelTime(Quor::now());
+    // One clock read per served slot: nothing from here to the checks below runs user
+    // code, and on the real clock a read costs about what serving a lone timer does.
+    Quor::Seconds const now = Quor::now();
+    std::optional<U32> nextUsed = maybePullUpWheelTime(now);
     if (buckets_[0].current == ghostTimerIndex()) {
       rearrangeTimers();
       served = InvalidWheelIndex;  // slot 0 now stands for a new turn, cascaded timers in it are due
@@ -546,12 +549,12 @@ void TimerWheel::handleSystemClock() {
     U32 next = nextUsed ? *nextUsed : findNextUsedIndex(buckets_[0].current);
     if (next == InvalidWheelIndex) next = ghostTimerIndex();
     scheduledWheelIndex_ = next;
-    if (Quor::now() - start >= processTimeLimit_) break;
+    if (now - start >= processTimeLimit_) break;
     // Timers armed into the slot just served wait for the next turn of the loop, as a
     // clock reactor re-armed in the past does: a timer that always re-arms itself for
     // now cannot hold the loop. (Only they can be there: firing took every older one.)
     if (next == served) break;
-    if (!(slotTime(next) < Quor::now())) break;
+    if (!(slotTime(next) < now)) break;
   }
   doUpdateSystemClock(slotTime(scheduledWheelIndex_), scheduledWheelIndex_);
   QUOR_TRACE(traceHandle, 1, "Completed handleSystemClock at " << Secs{Quor::now()});
