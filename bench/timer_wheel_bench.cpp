@@ -215,7 +215,9 @@ void Wheel16k_FireAll(benchmark::State& st) { wheelFire<false, 16384>(st); }
 
 // The real clock, stepped: CLOCK_MONOTONIC read on every now() as in production (through
 // the framework's clock hook, one indirect call more), plus an offset that the benchmark
-// moves past every deadline instead of waiting 10 s.
+// moves past every deadline instead of waiting 10 s. Hazard: putting the system clock back
+// moves now() back by the whole step, so this runs after every other benchmark of the
+// framework's loop, and each iteration's wheel goes with its fixture before that.
 Quor::Seconds clockStep = 0;
 Quor::Seconds steppedMonotonic() {
   timespec ts;
