@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
@@ -53,6 +54,11 @@ struct TraceCapture {
     return out;
   }
 };
+
+/// The descriptors this process has open, for leak checks.
+inline std::size_t openDescriptors() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
 
 /// True in a sanitizer build, whose runtime keeps freed memory in quarantine (resident
 /// memory grows) and needs descriptors of its own (it probes memory through a pipe).

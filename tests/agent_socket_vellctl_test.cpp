@@ -4,15 +4,12 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <Vell/AgentSocketHandler.h>
+
+#include "TestSupport.h"
 
 namespace {
 

@@ -1,14 +1,10 @@
 // Mirrors of directories between a source and a sink, over real sockets, in virtual time.
-#include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cstring>
 
 #include <map>
-#include <random>
 #include <set>
 
 #include <Vell/AgentSocketHandler.h>

@@ -1,7 +1,4 @@
 // Type records, attributes by name, and binary attribute logs.
-#include <gtest/gtest.h>
-
-#include <random>
 
 #include <Vell/AgentExplorer.h>
 #include <Vell/AgentSocketHandler.h>

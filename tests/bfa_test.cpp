@@ -1,16 +1,12 @@
 // BestFitAllocator: a randomized differential test against a plain model, with an
 // invariant walker after every step; defragmentation replayed on real data; resizing;
 // text forms, traces and assertion texts.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 #include <map>
-#include <random>
-#include <vector>
 
 #include <Vell/BestFitAllocator.h>
 

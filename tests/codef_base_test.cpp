@@ -1,18 +1,13 @@
 // CodefBase through a keyed backlog under virtual time: coalescing, slices that yield,
 // a model of the slice loop, handlers that re-enter or fail, bounds and abort texts.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 
 #include <cmath>
 #include <deque>
 #include <map>
-#include <random>
-#include <string>
 #include <tuple>
-#include <vector>
 
-#include <Quor/Quor.h>
 #include <Vell/CodefBase.h>
 
 #include "../examples/KeyedBacklog.h"

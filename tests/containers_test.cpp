@@ -1,9 +1,7 @@
 // The framework's general containers against simple models, with a walk of the whole
 // structure after every step.
-#include <gtest/gtest.h>
 
 #include <map>
-#include <random>
 #include <unordered_map>
 
 #include <Quor/IndexTable.h>

@@ -1,13 +1,11 @@
 // EventClock under virtual time: the tick sequence and its traces, observers that stop
 // and restart the clock from their handlers, the tick source and lifetime, and random
 // starts, stops and runs against a model.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 
 #include <cmath>
 #include <functional>
-#include <random>
 #include <sstream>
 #include <tuple>
 

@@ -1,17 +1,13 @@
 // HBitmap: a randomized differential test against std::vector<bool> with a word-by-word
 // invariant walker, aimed at stale remembered answers and at both range searches; the level layout; text forms, bad
 // arguments, traces, assertion texts.
-#include <gtest/gtest.h>
 
 #include "TestSupport.h"
 
 #include <Vell/HBitmap.h>
 #include <Vell/ValueTypes.h>
 
-#include <algorithm>
 #include <array>
-#include <random>
-#include <vector>
 
 using Vell::HBitmap;
 using Vell::U32;
@@ -177,7 +173,6 @@ TEST(HBitmap, TracesNameTheOperationAndItsDetails) {
                        "HBitmap::updateBitsInRange", "startWord = 0, endWord = 0", "HBitmap::updateBitsInRange",
                        "startWord = 0, endWord = 1", "HBitmap::doLogicalOp", "Unknown logical op: HBitmap::LogicalOp(9)"}));
 }
-
 
 TEST(HBitmapDeathTest, PreconditionsAbortWithTheConditionAndValues) {
   auto b = Vell::hBitmapFactory(1, 100, HBitmap::Clear);

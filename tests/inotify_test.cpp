@@ -2,17 +2,12 @@
 // folder. The loop runs on the real clock until what is awaited arrived (bounded).
 #include <Vell/InotifyMgr.h>
 #include <Vell/ProcSysUtils.h>
-#include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 
@@ -28,17 +23,14 @@ class InotifyTest : public ::testing::Test {
     std::string tmpl = (fs::temp_directory_path() / "vell-inotify-XXXXXX").string();
     ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
     root = tmpl;
-    fdsBefore = openDescriptors();
+    fdsBefore = VellTest::openDescriptors();
     mgr = Vell::inotifyMgrFactory("test watching");
   }
   void TearDown() override {
     wds.clear();
     mgr = nullptr;
     fs::remove_all(root);
-    EXPECT_EQ(openDescriptors(), fdsBefore);  // nothing leaked
-  }
-  static std::size_t openDescriptors() {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+    EXPECT_EQ(VellTest::openDescriptors(), fdsBefore);  // nothing leaked
   }
   std::string dir(std::string const& name) {
     fs::create_directories(root / name);

@@ -1,27 +1,19 @@
 // writeProcSys on temporary files; the smaps walk on crafted and random texts against
 // a model, and on the live process; the backtrace handlers in crashing children.
-#include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <fstream>
 #include <iterator>
-#include <random>
-#include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
-#include <Quor/Quor.h>
 #include <Vell/ProcSysUtils.h>
 
 #include "../src/ProcSysUtilsInternal.h"

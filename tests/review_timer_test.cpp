@@ -1,11 +1,8 @@
 // ReviewTimer under virtual time: the credit rule against a reference model, and the
 // sequences a caller sees (back-off, refill, a pending review, the immediate override).
-#include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 #include <tuple>
-#include <vector>
 
 #include <Vell/ReviewTimer.h>
 

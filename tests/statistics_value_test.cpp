@@ -1,11 +1,11 @@
 // Statistics accumulators against a model that walks the condition through every
 // transition a sample implies, counting in 64 bits and reducing modulo 2^32.
-#include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 
 #include <Vell/ValueTypes.h>
+
+#include "TestSupport.h"
 
 using namespace Vell;
 

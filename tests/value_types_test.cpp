@@ -1,25 +1,20 @@
 // The text and binary forms of every value type of the library, the scalar value types
 // and the tokenizer.
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <random>
 #include <set>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
-
-#include <unistd.h>
 
 #include <Vell/BestFitAllocator.h>
 #include <Vell/HTimerWheel.h>
 #include <Vell/InotifyMgr.h>
 #include <Vell/ValueTypes.h>
 #include <Vell/XactLib.h>
+
+#include "TestSupport.h"
 
 using namespace Vell;
 using Quor::String8;

@@ -2,16 +2,12 @@
 // invariant walker after every loop turn, and directed cases for what it cannot see
 // (texts, timeouts to the poll, chains, slicing statistics, exceptions).
 #include <Vell/XactLib.h>
-#include <gtest/gtest.h>
 
 #include <deque>
 #include <functional>
 #include <map>
-#include <random>
 #include <set>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "TestSupport.h"
 
