@@ -19,6 +19,7 @@ The exit status is 0 when every fault that applied was caught, 1 otherwise.
 import argparse
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -94,12 +95,13 @@ def run(cmd, cwd, timeout):
 
 
 def failed_tests(ctest_output):
+    """The failing tests, from ctest's progress lines ("12/137 Test #5: Suite.Case ...***Failed"),
+    which a run cut short by the whole-run timeout has too, unlike the closing list."""
     names = []
     for line in ctest_output.splitlines():
-        line = line.strip()
-        # "  3 - Suite.Case (Failed)" in ctest's closing list
-        if line and line[0].isdigit() and " - " in line and line.endswith(")"):
-            names.append(line.split(" - ", 1)[1].rsplit(" (", 1)[0])
+        m = re.search(r"Test\s+#\d+: (\S+) .*\*\*\*(Failed|Timeout|Exception|Not Run)", line)
+        if m and m.group(1) not in names:
+            names.append(m.group(1))
     return names
 
 
